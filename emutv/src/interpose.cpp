@@ -1,0 +1,367 @@
+// Interposition of the C library calls through which the library, libdrm and alsa-lib
+// reach the kernel. Calls on paths and descriptors the emulator does not own go to the
+// real C library unchanged.
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "core.h"
+
+using emutv::Device;
+using emutv::Event;
+using emutv::HalMode;
+using emutv::Kind;
+using emutv::detail::core;
+using emutv::detail::Fault;
+using emutv::detail::Inside;
+
+namespace {
+
+const char kHalPath[] = "/mtd_apexe/board/lib/libKORB3.so";
+
+template <typename Fn>
+Fn real(const char* name) {
+    void* sym = dlsym(RTLD_NEXT, name);
+    return reinterpret_cast<Fn>(sym);
+}
+
+bool owns_path(const std::string& p) {
+    auto& c = core();
+    if (c.node_device.count(p)) return true;
+    static const char* const kOwnedPrefixes[] = {"/dev/dri/", "/dev/snd/", "/dev/qvl/", "/dev/video", "/dev/qvk",
+                                                 "/dev/kdolby"};
+    for (const char* pre : kOwnedPrefixes)
+        if (p.compare(0, strlen(pre), pre) == 0) return true;
+    return false;
+}
+
+// Opens an emulated device node. Returns true when the emulator owns the path.
+bool emulated_open(const char* path, int flags, int* result) {
+    if (path == nullptr) return false;
+    auto& c = core();
+    std::string p(path);
+    {
+        std::lock_guard<std::recursive_mutex> g(c.mu);
+        if (!owns_path(p)) return false;
+    }
+    Inside inside;
+    std::lock_guard<std::recursive_mutex> g(c.mu);
+    auto dev_it = c.node_device.find(p);
+    Device dev = dev_it == c.node_device.end() ? Device::None : dev_it->second;
+    Event ev;
+    ev.kind = Kind::Open;
+    ev.device = dev;
+    ev.path = p;
+    ev.name = "open";
+    ev.fields["flags"] = flags;
+    Fault fault;
+    int fd = -1;
+    int err = 0;
+    if (dev == Device::None || c.node_present.count(p) == 0) {
+        err = ENOENT;
+    } else if (c.take_fault("open:" + p, &fault) && !fault.is_status) {
+        err = fault.err;
+    } else {
+        fd = c.create_fd(dev, p);
+        if (fd < 0) err = errno;
+    }
+    ev.fd = fd;
+    ev.result = fd;
+    ev.err = err;
+    c.record(std::move(ev));
+    *result = fd;
+    if (fd < 0) errno = err;
+    return true;
+}
+
+int open_mode(int flags, va_list ap) {
+    return (flags & O_CREAT) || (flags & __O_TMPFILE) == __O_TMPFILE ? va_arg(ap, int) : 0;
+}
+
+template <typename Fn>
+int open_with(const char* sym, const char* path, int flags, int mode) {
+    int fd;
+    if (emulated_open(path, flags, &fd)) return fd;
+    std::string mapped = emutv::detail::sandbox_map(path);
+    return real<Fn>(sym)(mapped.empty() ? path : mapped.c_str(), flags, mode);
+}
+
+template <typename Fn>
+int openat_with(const char* sym, int dirfd, const char* path, int flags, int mode) {
+    int fd;
+    if (path && (path[0] == '/' || dirfd == AT_FDCWD) && emulated_open(path, flags, &fd)) return fd;
+    std::string mapped = emutv::detail::sandbox_map(path);
+    return real<Fn>(sym)(dirfd, mapped.empty() ? path : mapped.c_str(), flags, mode);
+}
+
+using open_fn = int (*)(const char*, int, ...);
+using openat_fn = int (*)(int, const char*, int, ...);
+
+long emulated_ioctl(int fd, unsigned long req, void* arg) {
+    Inside inside;
+    auto& c = core();
+    std::lock_guard<std::recursive_mutex> g(c.mu);
+    auto it = c.files.find(fd);
+    if (it == c.files.end() || it->second.model == nullptr) {
+        errno = ENOTTY;
+        return -1;
+    }
+    auto& file = it->second;
+    emutv::DeviceModel* model = file.model;
+    Event ev;
+    ev.kind = Kind::Ioctl;
+    ev.device = file.device;
+    ev.path = file.path;
+    ev.fd = fd;
+    ev.request = req;
+    ev.name = model->request_name(req, arg);
+    size_t size = arg ? model->record_size(req, arg) : 0;
+    if (size) ev.in.assign(static_cast<uint8_t*>(arg), static_cast<uint8_t*>(arg) + size);
+
+    // The driver is entered once per request, as on the television.
+    emutv::detail::sys_ioctl(fd, 0, nullptr);
+
+    Fault fault;
+    bool faulted = c.take_fault(ev.name, &fault);
+    long result;
+    int err = 0;
+    if (faulted && !fault.is_status) {
+        result = -1;
+        err = fault.err;
+    } else {
+        result = model->ioctl(fd, req, arg, ev, &err);
+        if (faulted && fault.is_status) {
+            model->apply_status(req, arg, fault.status);
+            ev.fields["status"] = fault.status;
+        }
+    }
+    if (size) ev.out.assign(static_cast<uint8_t*>(arg), static_cast<uint8_t*>(arg) + size);
+    ev.result = result;
+    ev.err = result < 0 ? err : 0;
+    c.record(std::move(ev));
+    if (result < 0) errno = err;
+    return result;
+}
+
+long emulated_write(int fd, const void* buf, size_t n) {
+    Inside inside;
+    auto& c = core();
+    std::lock_guard<std::recursive_mutex> g(c.mu);
+    auto it = c.files.find(fd);
+    if (it == c.files.end() || it->second.model == nullptr) {
+        errno = EBADF;
+        return -1;
+    }
+    auto& file = it->second;
+    Event ev;
+    ev.kind = Kind::Write;
+    ev.device = file.device;
+    ev.path = file.path;
+    ev.fd = fd;
+    ev.name = "write";
+    ev.fields["size"] = static_cast<long long>(n);
+    if (buf && n) ev.in.assign(static_cast<const uint8_t*>(buf), static_cast<const uint8_t*>(buf) + std::min<size_t>(n, 64));
+    emutv::detail::sys_write(fd, buf, n);  // into /dev/null: one kernel entry
+    Fault fault;
+    long result;
+    int err = 0;
+    if (c.take_fault("write", &fault) && !fault.is_status) {
+        result = -1;
+        err = fault.err;
+    } else {
+        result = file.model->write(fd, buf, n, ev, &err);
+    }
+    ev.result = result;
+    ev.err = result < 0 ? err : 0;
+    c.record(std::move(ev));
+    if (result < 0) errno = err;
+    return result;
+}
+
+int emulated_close(int fd) {
+    Inside inside;
+    auto& c = core();
+    std::lock_guard<std::recursive_mutex> g(c.mu);
+    auto it = c.files.find(fd);
+    if (it == c.files.end()) return emutv::detail::sys_close(fd);
+    Event ev;
+    ev.kind = Kind::Close;
+    ev.device = it->second.device;
+    ev.path = it->second.path;
+    ev.fd = fd;
+    ev.name = "close";
+    if (it->second.model) it->second.model->on_close(fd);
+    c.files.erase(it);
+    c.emulated[fd].store(0);
+    int r = emutv::detail::sys_close(fd);
+    ev.result = r;
+    c.record(std::move(ev));
+    return r;
+}
+
+void record_call(Device d, const std::string& name, const std::string& path, long long result,
+                 std::map<std::string, long long> fields) {
+    auto& c = core();
+    std::lock_guard<std::recursive_mutex> g(c.mu);
+    Event ev;
+    ev.kind = Kind::Call;
+    ev.device = d;
+    ev.path = path;
+    ev.name = name;
+    ev.fields = std::move(fields);
+    ev.result = result;
+    c.record(std::move(ev));
+}
+
+}  // namespace
+
+extern "C" {
+
+#define EMUTV_EXPORT __attribute__((visibility("default")))
+
+EMUTV_EXPORT int open(const char* path, int flags, ...) {
+    va_list ap;
+    va_start(ap, flags);
+    int mode = open_mode(flags, ap);
+    va_end(ap);
+    return open_with<open_fn>("open", path, flags, mode);
+}
+
+EMUTV_EXPORT int open64(const char* path, int flags, ...) {
+    va_list ap;
+    va_start(ap, flags);
+    int mode = open_mode(flags, ap);
+    va_end(ap);
+    return open_with<open_fn>("open64", path, flags, mode);
+}
+
+EMUTV_EXPORT int __open_2(const char* path, int flags) { return open_with<open_fn>("open", path, flags, 0); }
+EMUTV_EXPORT int __open64_2(const char* path, int flags) { return open_with<open_fn>("open64", path, flags, 0); }
+
+EMUTV_EXPORT int openat(int dirfd, const char* path, int flags, ...) {
+    va_list ap;
+    va_start(ap, flags);
+    int mode = open_mode(flags, ap);
+    va_end(ap);
+    return openat_with<openat_fn>("openat", dirfd, path, flags, mode);
+}
+
+EMUTV_EXPORT int openat64(int dirfd, const char* path, int flags, ...) {
+    va_list ap;
+    va_start(ap, flags);
+    int mode = open_mode(flags, ap);
+    va_end(ap);
+    return openat_with<openat_fn>("openat64", dirfd, path, flags, mode);
+}
+
+EMUTV_EXPORT int __openat_2(int dirfd, const char* path, int flags) {
+    return openat_with<openat_fn>("openat", dirfd, path, flags, 0);
+}
+EMUTV_EXPORT int __openat64_2(int dirfd, const char* path, int flags) {
+    return openat_with<openat_fn>("openat64", dirfd, path, flags, 0);
+}
+
+EMUTV_EXPORT int close(int fd) {
+    if (core().is_emulated(fd)) return emulated_close(fd);
+    return emutv::detail::sys_close(fd);
+}
+
+EMUTV_EXPORT int ioctl(int fd, unsigned long req, ...) __THROW {
+    va_list ap;
+    va_start(ap, req);
+    void* arg = va_arg(ap, void*);
+    va_end(ap);
+    if (core().is_emulated(fd)) return static_cast<int>(emulated_ioctl(fd, req, arg));
+    static auto real_ioctl = real<int (*)(int, unsigned long, ...)>("ioctl");
+    return real_ioctl(fd, req, arg);
+}
+
+EMUTV_EXPORT ssize_t write(int fd, const void* buf, size_t n) {
+    if (core().is_emulated(fd)) return emulated_write(fd, buf, n);
+    return emutv::detail::sys_write(fd, buf, n);
+}
+
+EMUTV_EXPORT FILE* fopen(const char* path, const char* mode) {
+    std::string mapped = emutv::detail::sandbox_map(path);
+    static auto real_fopen = real<FILE* (*)(const char*, const char*)>("fopen");
+    return real_fopen(mapped.empty() ? path : mapped.c_str(), mode);
+}
+
+EMUTV_EXPORT FILE* fopen64(const char* path, const char* mode) {
+    std::string mapped = emutv::detail::sandbox_map(path);
+    static auto real_fopen64 = real<FILE* (*)(const char*, const char*)>("fopen64");
+    return real_fopen64(mapped.empty() ? path : mapped.c_str(), mode);
+}
+
+EMUTV_EXPORT int stat(const char* path, struct stat* st) __THROW {
+    std::string mapped = emutv::detail::sandbox_map(path);
+    static auto real_stat = real<int (*)(const char*, struct stat*)>("stat");
+    return real_stat(mapped.empty() ? path : mapped.c_str(), st);
+}
+
+EMUTV_EXPORT int stat64(const char* path, struct stat64* st) __THROW {
+    std::string mapped = emutv::detail::sandbox_map(path);
+    static auto real_stat64 = real<int (*)(const char*, struct stat64*)>("stat64");
+    return real_stat64(mapped.empty() ? path : mapped.c_str(), st);
+}
+
+EMUTV_EXPORT void* dlopen(const char* file, int mode) __THROWNL {
+    static auto real_dlopen = real<void* (*)(const char*, int)>("dlopen");
+    if (file == nullptr || strcmp(file, kHalPath) != 0) return real_dlopen(file, mode);
+    Inside inside;
+    HalMode hal = core().hal;
+    const char* target = nullptr;
+    switch (hal) {
+        case HalMode::Absent:
+            break;
+        case HalMode::NoInitSymbol:
+            target = EMUTV_HAL_NO_INIT;
+            break;
+        case HalMode::NoGetSymbol:
+            target = EMUTV_HAL_NO_GET;
+            break;
+        default:
+            target = EMUTV_HAL_FULL;
+            break;
+    }
+    void* h = target ? real_dlopen(target, mode) : nullptr;
+    record_call(Device::Hal, "dlopen", kHalPath, h ? 0 : -1, {{"mode", mode}});
+    return h;
+}
+
+EMUTV_EXPORT int emutv_hal_drm_init(int card_id) {
+    Inside inside;
+    int r = core().hal == HalMode::InitFails ? -1 : 0;
+    record_call(Device::Hal, "Hal_Video_DrmInit", kHalPath, r, {{"card", card_id}});
+    return r;
+}
+
+EMUTV_EXPORT int emutv_hal_get_drm_device_id(int card_id) {
+    Inside inside;
+    auto& c = core();
+    std::lock_guard<std::recursive_mutex> g(c.mu);
+    int r;
+    switch (c.hal) {
+        case HalMode::GetFails:
+            r = -1;
+            break;
+        case HalMode::GetsZero:
+            r = 0;
+            break;
+        default:
+            // The HAL owns one DRM descriptor for the life of the process.
+            if (c.hal_drm_fd < 0) c.hal_drm_fd = c.create_fd(Device::Drm, "hal:/dev/dri/card0");
+            r = c.hal_drm_fd;
+            break;
+    }
+    record_call(Device::Hal, "Hal_Video_Get_DrmDeviceId", kHalPath, r, {{"card", card_id}});
+    return r;
+}
+
+}  // extern "C"

@@ -1,0 +1,2 @@
+#include "ruvo_internal.h"
+#include "ruvo_log.h"

@@ -1,0 +1,93 @@
+// The emulated TV platform itself: the real libdrm against the emulated DRM device,
+// presence, scripted faults, the record and the sandbox.
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+#include <xf86drmMode.h>
+
+#include "test_support.h"
+
+using ruvo_test::PlatformTest;
+
+class EmulatedPlatform : public PlatformTest {};
+
+TEST_F(EmulatedPlatform, real_libdrm_reads_the_default_topology) {
+    int fd = open("/dev/dri/card0", O_RDWR | O_NONBLOCK);
+    ASSERT_GE(fd, 0);
+    drmModeRes* res = drmModeGetResources(fd);
+    ASSERT_NE(res, nullptr);
+    ASSERT_EQ(res->count_connectors, 1);
+    EXPECT_EQ(res->connectors[0], 40u);
+    ASSERT_EQ(res->count_crtcs, 1);
+    drmModeConnector* con = drmModeGetConnector(fd, res->connectors[0]);
+    ASSERT_NE(con, nullptr);
+    EXPECT_EQ(con->connection, DRM_MODE_CONNECTED);
+    EXPECT_EQ(con->encoder_id, 41u);
+    drmModeFreeConnector(con);
+    drmModeFreeResources(res);
+
+    drmModePlaneRes* planes = drmModeGetPlaneResources(fd);
+    ASSERT_NE(planes, nullptr);
+    EXPECT_EQ(planes->count_planes, 4u);
+    drmModeObjectProperties* props = drmModeObjectGetProperties(fd, planes->planes[2], DRM_MODE_OBJECT_PLANE);
+    ASSERT_NE(props, nullptr);
+    ASSERT_EQ(props->count_props, 2u);
+    drmModePropertyRes* prop = drmModeGetProperty(fd, props->props[1]);
+    ASSERT_NE(prop, nullptr);
+    EXPECT_STREQ(prop->name, "plane_type");
+    EXPECT_EQ(props->prop_values[1], 5u);
+    drmModeFreeProperty(prop);
+    drmModeFreeObjectProperties(props);
+    drmModeFreePlaneResources(planes);
+    EXPECT_EQ(close(fd), 0);
+
+    auto opens = tv().events("open");
+    ASSERT_EQ(opens.size(), 1u);
+    EXPECT_EQ(opens[0].path, "/dev/dri/card0");
+    EXPECT_EQ(tv().events("close").size(), 1u);
+    EXPECT_GE(tv().count("DRM_IOCTL_MODE_GETRESOURCES"), 2u);
+}
+
+TEST_F(EmulatedPlatform, an_absent_node_fails_with_enoent_and_is_recorded) {
+    tv().set_present("/dev/kdolby", false);
+    errno = 0;
+    EXPECT_EQ(open("/dev/kdolby", O_RDWR), -1);
+    EXPECT_EQ(errno, ENOENT);
+    auto opens = tv().events("open");
+    ASSERT_EQ(opens.size(), 1u);
+    EXPECT_EQ(opens[0].result, -1);
+    EXPECT_EQ(opens[0].err, ENOENT);
+}
+
+TEST_F(EmulatedPlatform, a_scripted_fault_fails_the_request_once) {
+    int fd = open("/dev/dri/card0", O_RDWR);
+    ASSERT_GE(fd, 0);
+    tv().fail("DRM_IOCTL_MODE_RMFB", EINVAL);
+    uint32_t id = 999;
+    EXPECT_EQ(ioctl(fd, DRM_IOCTL_MODE_RMFB, &id), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(ioctl(fd, DRM_IOCTL_MODE_RMFB, &id), -1);
+    EXPECT_EQ(errno, ENOENT);  // the driver itself: no such framebuffer
+    close(fd);
+}
+
+TEST_F(EmulatedPlatform, emulated_descriptors_are_real_descriptors) {
+    int before = emutv::process_open_descriptors();
+    int fd = open("/dev/qvl/qvkvplt", O_RDWR);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(emutv::process_open_descriptors(), before + 1);
+    EXPECT_EQ(tv().open_descriptors(), 1);
+    close(fd);
+    EXPECT_EQ(emutv::process_open_descriptors(), before);
+}
+
+TEST_F(EmulatedPlatform, marker_files_live_in_the_sandbox) {
+    tv().sandbox_write("/tmp/RUVO", "8");
+    FILE* fp = fopen("/tmp/RUVO", "r");
+    ASSERT_NE(fp, nullptr);
+    char buf[4] = {};
+    EXPECT_EQ(fread(buf, 1, 3, fp), 1u);
+    fclose(fp);
+    EXPECT_STREQ(buf, "8");
+    EXPECT_EQ(tv().sandbox_path("/tmp/RUVO"), tv().sandbox_root() + "/tmp/RUVO");
+}

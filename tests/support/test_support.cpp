@@ -1,0 +1,97 @@
+#include "test_support.h"
+
+#include <regex>
+
+namespace ruvo_test {
+
+void StdoutCapture::start() {
+    fflush(stdout);
+    ::testing::internal::CaptureStdout();
+    active_ = true;
+}
+
+std::string StdoutCapture::stop_raw() {
+    if (!active_) return std::string();
+    fflush(stdout);
+    active_ = false;
+    return ::testing::internal::GetCapturedStdout();
+}
+
+std::vector<std::string> StdoutCapture::stop_lines() { return split_lines(fold_call_sites(stop_raw())); }
+
+std::string fold_call_sites(const std::string& text) {
+    static const std::regex video(R"((\[qvl_disp_corvi\] [A-Za-z_0-9]+)\(\d+\) )");
+    static const std::regex audio(R"((\[[A-Za-z_0-9]+\(\): )\d+\])");
+    std::string out = std::regex_replace(text, video, "$1(#) ");
+    return std::regex_replace(out, audio, "$1#]");
+}
+
+std::vector<std::string> split_lines(const std::string& text) {
+    std::vector<std::string> out;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t nl = text.find('\n', start);
+        if (nl == std::string::npos) {
+            out.push_back(text.substr(start));
+            break;
+        }
+        out.push_back(text.substr(start, nl - start));
+        start = nl + 1;
+    }
+    return out;
+}
+
+std::string vline(const std::string& func, const std::string& text) {
+    return "[qvl_disp_corvi] " + func + "(#) " + text;
+}
+
+std::string aline(const std::string& func, const std::string& text) { return "[" + func + "(): #]" + text; }
+
+v4l2_drm make_frame(uint32_t hres, uint32_t vres, uint32_t aspect, uint32_t inputport) {
+    v4l2_drm d;
+    memset(&d, 0, sizeof(d));
+    d.inputport = static_cast<v4l2_drm_inputport_type>(inputport);
+    d.u.dec_info.aspectratio = static_cast<v4l2_aspectratio_type>(aspect);
+    d.u.dec_info.hres = hres;
+    d.u.dec_info.vres = vres;
+    d.u.dec_info.effective_hres = hres;
+    d.u.dec_info.effective_vres = vres;
+    d.u.dec_info.framerate = 50000;
+    d.u.dec_info.pFrame[0].width = hres;
+    d.u.dec_info.pFrame[0].height = vres;
+    d.u.dec_info.pFrame[0].display_index = 1;
+    return d;
+}
+
+void PlatformTest::SetUp() {
+    emutv::platform().reset();
+    g_ruvo_logmask = 0;
+    capture_.start();
+}
+
+void PlatformTest::TearDown() {
+    if (capture_.active()) {
+        std::string rest = capture_.stop_raw();
+        if (HasFailure()) fprintf(stderr, "--- library output ---\n%s", rest.c_str());
+    }
+}
+
+std::vector<std::string> PlatformTest::lines() {
+    auto out = capture_.stop_lines();
+    capture_.start();
+    return out;
+}
+
+std::vector<std::string> PlatformTest::request_names() const {
+    std::vector<std::string> out;
+    for (const auto& e : emutv::platform().events()) out.push_back(e.name);
+    return out;
+}
+
+std::vector<std::string> PlatformTest::request_names(emutv::Device d) const {
+    std::vector<std::string> out;
+    for (const auto& e : emutv::platform().events(d)) out.push_back(e.name);
+    return out;
+}
+
+}  // namespace ruvo_test
