@@ -3,6 +3,7 @@
 // real C library unchanged.
 #include <dlfcn.h>
 #include <errno.h>
+#include <pthread.h>
 #include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -333,6 +334,21 @@ EMUTV_EXPORT void* dlopen(const char* file, int mode) __THROWNL {
     void* h = target ? real_dlopen(target, mode) : nullptr;
     record_call(Device::Hal, "dlopen", kHalPath, h ? 0 : -1, {{"mode", mode}});
     return h;
+}
+
+// Thread creation can be scripted to fail ("pthread_create"); the errno of the fault is
+// the result, as pthread_create reports errors.
+EMUTV_EXPORT int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*),
+                                void* arg) __THROWNL {
+    using create_fn = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+    static auto real_create = real<create_fn>("pthread_create");
+    {
+        auto& c = core();
+        std::lock_guard<std::recursive_mutex> g(c.mu);
+        Fault fault;
+        if (!c.faults.empty() && c.take_fault("pthread_create", &fault)) return fault.err ? fault.err : EAGAIN;
+    }
+    return real_create(thread, attr, start, arg);
 }
 
 EMUTV_EXPORT int emutv_hal_drm_init(int card_id) {
