@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <time.h>
 
+#include <algorithm>
+
 #include "ruvo/ruvo_debug.h"
 #include "ruvo_internal.h"
 #include "ruvo_log.h"
@@ -51,6 +53,8 @@ void ruvo_interface_debug_init() {
             continue;
         }
         long value = strtol(buf, nullptr, 10);
+        // The target's long is 32 bits wide: text beyond that range saturates there.
+        value = std::min<long>(std::max<long>(value, INT32_MIN), INT32_MAX);
         fclose(fp);
         if (value != 0) {
             g_ruvo_logmask = static_cast<int>(value);

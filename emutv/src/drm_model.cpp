@@ -374,4 +374,8 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
     }
 }
 
+void DrmModel::apply_status(unsigned long req, void* arg, int32_t status) {
+    if (req == DRM_IOCTL_PRIME_HANDLE_TO_FD && arg != nullptr) static_cast<drm_prime_handle*>(arg)->fd = status;
+}
+
 }  // namespace emutv
