@@ -58,6 +58,9 @@ bool emulated_open(const char* path, int flags, int* result) {
     Event ev;
     ev.kind = Kind::Open;
     ev.device = dev;
+    // alsa-lib probes the control devices of every card (/dev/snd/controlC0..31); the
+    // absent ones are recorded as the sound card's, so that a filter by device sees them.
+    if (dev == Device::None && p.compare(0, 16, "/dev/snd/control") == 0) ev.device = Device::SoundCtl;
     ev.path = p;
     ev.name = "open";
     ev.fields["flags"] = flags;

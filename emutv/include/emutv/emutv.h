@@ -39,6 +39,7 @@ struct Event {
     // empty for a null argument.
     std::vector<std::vector<uint8_t>> args;
     std::map<std::string, long long> fields;  // decoded values that matter
+    std::map<std::string, std::string> text;   // decoded text values (a mixer control's name)
     long long result = 0;
     int err = 0;  // errno when result < 0
 

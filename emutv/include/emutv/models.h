@@ -95,6 +95,9 @@ public:
     void reset() override;
     std::string request_name(unsigned long req, const void* arg) const override;
     long ioctl(int fd, unsigned long req, void* arg, Event& ev, int* err) override;
+    // DRM_IOCTL_PRIME_HANDLE_TO_FD: the status replaces the exported descriptor in the
+    // answer (the descriptor the driver made stays open; its number is in the event's "fd").
+    void apply_status(unsigned long req, void* arg, int32_t status) override;
 
     uint32_t next_handle = 100;
     uint32_t next_fb = 200;
@@ -187,6 +190,7 @@ public:
     };
     std::vector<Write> writes;  // every element write, in order
     long value(const std::string& name) const;   // -1 when absent
+    bool remove_control(const std::string& name);  // a card without this control
 
     Device kind() const override { return Device::SoundCtl; }
     void reset() override;
@@ -215,7 +219,9 @@ public:
     std::map<uint32_t, uint32_t> metadata;  // key -> value[0] of the last SET_METADATA
     std::vector<uint8_t> params;            // last snd_compr_params as sent
     uint64_t bytes_written = 0;
-    std::vector<size_t> write_sizes;
+    std::vector<size_t> write_sizes;        // every write while recording is on
+    uint32_t starts = 0;                    // SNDRV_COMPRESS_START accepted
+    uint32_t stops = 0;                     // SNDRV_COMPRESS_STOP accepted
 
     Device kind() const override { return Device::Compr; }
     void reset() override;
