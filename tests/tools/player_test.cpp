@@ -1,0 +1,519 @@
+// The session player run in-process on the emulated platform: bad scenarios stop before
+// any library call, results are checked against expectations, virtual time and the audio
+// decoder behave, and the picture shows the plane where the trace put it.
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "emutv/emutv.h"
+#include "emutv/models.h"
+#include "player.h"
+#include "svg.h"
+
+namespace {
+
+std::vector<std::string> split(const std::string& text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line))
+        out.push_back(line);
+    return out;
+}
+
+bool exists(const std::string& path) {
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0;
+}
+
+class PlayerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        emutv::platform().reset();
+        dir_ = ::testing::TempDir() + "tvsp-" + std::to_string(getpid()) + "-" +
+               ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        ::mkdir(dir_.c_str(), 0755);
+    }
+
+    std::string scenario(const std::string& text) {
+        std::string path = dir_ + "/s.scn";
+        std::ofstream(path, std::ios::trunc) << text;
+        return path;
+    }
+
+    int play(std::vector<std::string> args) {
+        std::vector<char*> argv;
+        static char name[] = "tv-session-player";
+        argv.push_back(name);
+        for (auto& a : args)
+            argv.push_back(&a[0]);
+        fflush(stdout);
+        ::testing::internal::CaptureStdout();
+        ::testing::internal::CaptureStderr();
+        int rc = tvsp::player_main(static_cast<int>(argv.size()), argv.data());
+        fflush(stdout);
+        out_ = ::testing::internal::GetCapturedStdout();
+        err_ = ::testing::internal::GetCapturedStderr();
+        return rc;
+    }
+
+    // Lines of the player's output that start with `prefix`.
+    std::vector<std::string> lines(const std::string& prefix) const {
+        std::vector<std::string> out;
+        for (const auto& l : split(out_))
+            if (l.compare(0, prefix.size(), prefix) == 0)
+                out.push_back(l);
+        return out;
+    }
+
+    bool has_line(const std::string& line) const {
+        for (const auto& l : split(out_))
+            if (l == line)
+                return true;
+        return false;
+    }
+
+    void expect_nothing_done(const std::string& svg) {
+        auto& tv = emutv::platform();
+        EXPECT_EQ(tv.total_requests(), 0u);
+        EXPECT_EQ(tv.count("open"), 0u);
+        EXPECT_EQ(tv.open_descriptors(), 0);
+        EXPECT_EQ(out_, "");
+        EXPECT_FALSE(exists(svg));
+    }
+
+    std::string dir_;
+    std::string out_, err_;
+};
+
+// ---- Bad scenarios ------------------------------------------------------------------------
+
+TEST_F(PlayerTest, SyntaxErrorStopsBeforeAnyLibraryCall) {
+    std::string path =
+        scenario("video open\nvideo rect 0 0 1920 1080\nvideo first-frame\nvideo rect 0 0 =1920 1080\n");
+    std::string svg = dir_ + "/out.svg";
+    EXPECT_EQ(play({"--svg", svg, path}), tvsp::kExitUsage);
+    EXPECT_EQ(err_, path + ":4: video rect: expected key=value or a value, got '=1920'\n");
+    expect_nothing_done(svg);
+}
+
+TEST_F(PlayerTest, UnknownCommandStopsBeforeAnyLibraryCall) {
+    std::string path = scenario("platform panel 1920 1080\nvideo open\n# comment\nvideo play\n");
+    std::string svg = dir_ + "/out.svg";
+    EXPECT_EQ(play({"--svg", svg, path}), tvsp::kExitUsage);
+    EXPECT_EQ(err_,
+              path +
+                  ":4: unknown command 'video play' (video commands: open, close, panel, rect, hide, show, "
+                  "first-frame, frame, frames, next-res, vsync, used, pts, notify-ta)\n");
+    expect_nothing_done(svg);
+    // The platform line before it was not applied either.
+    EXPECT_EQ(emutv::platform().drm().connectors[0].mm_width, 0u);
+}
+
+TEST_F(PlayerTest, OutOfRangeValueStopsBeforeAnyLibraryCall) {
+    std::string path = scenario(
+        "platform compr-device /dev/snd/comprC0D0\naudio open /dev/snd/comprC0D0\n"
+        "audio setup 0 48000\n");
+    std::string svg = dir_ + "/out.svg";
+    EXPECT_EQ(play({"--svg", svg, path}), tvsp::kExitUsage);
+    EXPECT_EQ(err_, path + ":3: audio setup: channels=0 is out of range (1..32)\n");
+    expect_nothing_done(svg);
+    EXPECT_FALSE(emutv::platform().present("/dev/snd/comprC0D0"));
+}
+
+TEST_F(PlayerTest, BadLineAtTheEndOfALongScenarioStillStopsEverything) {
+    std::ifstream in(std::string(RUVO_SCENARIO_DIR) + "/default.scn");
+    std::stringstream text;
+    text << in.rdbuf() << "wait -1\n";
+    std::string path = scenario(text.str());
+    size_t lines_before = split(text.str()).size();
+    std::string svg = dir_ + "/out.svg";
+    EXPECT_EQ(play({"--svg", svg, path}), tvsp::kExitUsage);
+    EXPECT_EQ(err_,
+              path + ":" + std::to_string(lines_before) + ": wait: ms=-1 is out of range (0..86400000) ms\n");
+    expect_nothing_done(svg);
+}
+
+TEST_F(PlayerTest, MissingScenarioFileIsReported) {
+    EXPECT_EQ(play({dir_ + "/none.scn"}), tvsp::kExitUsage);
+    EXPECT_EQ(err_, dir_ + "/none.scn: cannot read: No such file or directory\n");
+    EXPECT_EQ(emutv::platform().total_requests(), 0u);
+}
+
+TEST_F(PlayerTest, CommandLineMistakesAreUsageErrors) {
+    EXPECT_EQ(play({}), tvsp::kExitUsage);
+    EXPECT_EQ(err_, "tv-session-player: expected a scenario file (see --help)\n");
+    EXPECT_EQ(play({"--colour", "x.scn"}), tvsp::kExitUsage);
+    EXPECT_EQ(err_, "tv-session-player: unknown option '--colour' (see --help)\n");
+    EXPECT_EQ(play({"--svg"}), tvsp::kExitUsage);
+    EXPECT_EQ(err_, "tv-session-player: --svg: expected a file name\n");
+}
+
+TEST_F(PlayerTest, HelpDescribesTheProgramAndTheGrammar) {
+    EXPECT_EQ(play({"--help"}), tvsp::kExitOk);
+    EXPECT_NE(out_.find("Usage: tv-session-player"), std::string::npos);
+    EXPECT_NE(out_.find("video rect X Y W H [dar=W:H]"), std::string::npos);
+    EXPECT_NE(out_.find("platform fail REQUEST ERRNO [TIMES]"), std::string::npos);
+    EXPECT_EQ(emutv::platform().total_requests(), 0u);
+}
+
+TEST_F(PlayerTest, CheckOnlyParsesAndMakesNoCall) {
+    std::string path = scenario("track a\nvideo open\ntrack b\nwait 5\n");
+    EXPECT_EQ(play({"--check", path}), tvsp::kExitOk);
+    EXPECT_EQ(out_, path + ": 2 commands in 3 tracks\n");
+    EXPECT_EQ(emutv::platform().total_requests(), 0u);
+    EXPECT_EQ(emutv::platform().count("open"), 0u);
+}
+
+// ---- Results and expectations -------------------------------------------------------------
+
+TEST_F(PlayerTest, ExpectedResultsGiveExitStatusZero) {
+    std::string path =
+        scenario("video open\nvideo pts 1800\nvideo pts 5 handle=null expect=-9\nvideo close\n");
+    EXPECT_EQ(play({"--no-svg", path}), tvsp::kExitOk);
+    EXPECT_EQ(err_, "");
+    EXPECT_TRUE(has_line("result: t=0 quarvel_video_output_set_pts -> 0"));
+    EXPECT_TRUE(has_line("result: t=0 quarvel_video_output_set_pts -> -9"));
+    EXPECT_TRUE(has_line("summary: OK"));
+}
+
+TEST_F(PlayerTest, AnUnexpectedResultGivesExitStatusOneAndNamesTheLine) {
+    std::string path = scenario("video open\nplatform fail FR2IP_SetPTS EIO\nvideo pts 1800\nvideo close\n");
+    EXPECT_EQ(play({"--no-svg", path}), tvsp::kExitMismatch);
+    EXPECT_EQ(err_, path + ":3: quarvel_video_output_set_pts returned -1, expected 0\n");
+    EXPECT_TRUE(has_line("result: t=0 quarvel_video_output_set_pts -> -1 (expected 0) UNEXPECTED"));
+    EXPECT_TRUE(has_line("summary: FAILED"));
+}
+
+TEST_F(PlayerTest, ACallWithoutItsOutputIsSkippedAndCountsAsUnexpected) {
+    std::string path = scenario("platform absent /dev/kdolby\nvideo open\nvideo rect 0 0 1 1\n");
+    EXPECT_EQ(play({"--no-svg", path}), tvsp::kExitMismatch);
+    EXPECT_EQ(err_, path + ":2: quarvel_video_output_open returned -1, expected 0\n" + path +
+                        ":3: quarvel_video_output_set_rect not called: no video output is open\n");
+}
+
+TEST_F(PlayerTest, OpenExpectedToFailPasses) {
+    std::string path = scenario("platform absent /dev/kdolby\nvideo open expect=-1\n");
+    EXPECT_EQ(play({"--no-svg", path}), tvsp::kExitOk);
+    EXPECT_TRUE(has_line("result: t=0 quarvel_video_output_open -> -1 (null)"));
+}
+
+TEST_F(PlayerTest, QuietLeavesOutExpectedCallsButNotTheLibraryOrTheTrace) {
+    std::string path = scenario("video open\nvideo pts 7\nvideo close\n");
+    EXPECT_EQ(play({"--no-svg", "--quiet", path}), tvsp::kExitOk);
+    EXPECT_TRUE(lines("call:").empty());
+    EXPECT_TRUE(lines("result:").empty());
+    EXPECT_FALSE(lines("trace:").empty());
+    EXPECT_FALSE(lines("[qvl_disp_corvi] quarvel_video_output_open(").empty());
+}
+
+// ---- Trace --------------------------------------------------------------------------------
+
+TEST_F(PlayerTest, EveryDriverRequestIsTracedWithTimeAndRecordNumber) {
+    std::string path = scenario("video open\nwait 40\nvideo pts 0x100000002\nvideo close\n");
+    EXPECT_EQ(play({"--no-svg", path}), tvsp::kExitOk);
+    auto trace = lines("trace: ");
+    ASSERT_FALSE(trace.empty());
+    static const std::regex form(R"(^trace: t=\d+(\.\d{3})? #(\d+) \S+ \S+ \S+.* -> -?\d+( \(.*\))?$)");
+    unsigned long expected_seq = 1;
+    for (const auto& l : trace) {
+        std::smatch m;
+        ASSERT_TRUE(std::regex_match(l, m, form)) << l;
+        EXPECT_EQ(std::stoul(m[2]), expected_seq++) << l;
+    }
+    EXPECT_EQ(trace.size(), emutv::platform().count("open") + emutv::platform().count("close") +
+                                emutv::platform().total_requests() + emutv::platform().count("dlopen"));
+    std::vector<std::string> at40 = lines("trace: t=40 ");
+    ASSERT_FALSE(at40.empty());
+    std::string pts = at40[0];  // the timestamp, then the close sequence
+    EXPECT_NE(pts.find(" vplt /dev/qvl/qvkvplt FR2IP_SetPTS fd="), std::string::npos) << pts;
+    EXPECT_NE(pts.find(" pts_h=1 pts_l=2 "), std::string::npos) << pts;
+}
+
+TEST_F(PlayerTest, NoTraceLeavesTheTraceOut) {
+    std::string path = scenario("video open\nvideo close\n");
+    EXPECT_EQ(play({"--no-svg", "--no-trace", path}), tvsp::kExitOk);
+    EXPECT_TRUE(lines("trace:").empty());
+    EXPECT_FALSE(lines("call:").empty());
+}
+
+// ---- Virtual time -------------------------------------------------------------------------
+
+TEST_F(PlayerTest, FrameLinesTakeOneFramePeriodEachAndTheNextLineFollows) {
+    std::string path = scenario(
+        "video open\nvideo rect 0 0 1920 1080\nvideo first-frame\nvideo frame count=3\n"
+        "video frame framerate=25000\nvideo pts 1\nvideo close\n");
+    EXPECT_EQ(play({"--no-svg", "--no-trace", path}), tvsp::kExitOk);
+    auto calls = lines("call: ");
+    std::vector<std::string> frame_times;
+    for (const auto& c : calls)
+        if (c.find("push_frame_to_display") != std::string::npos)
+            frame_times.push_back(c.substr(0, c.find(' ', 6)));
+    EXPECT_EQ(frame_times, (std::vector<std::string>{"call: t=0", "call: t=20", "call: t=40", "call: t=60"}));
+    EXPECT_EQ(lines("call: t=100 ").size(), 2u);  // set_pts and close after one 25 Hz period
+}
+
+TEST_F(PlayerTest, TracksRunSideBySideInVirtualTime) {
+    std::string path = scenario(
+        "track a\nvideo open\nwait 10\nvideo pts 1\nwait 20\nvideo pts 3\nvideo close\n"
+        "track b\nat 15\nvideo pts 2 handle=null expect=-9\n");
+    EXPECT_EQ(play({"--no-svg", "--no-trace", path}), tvsp::kExitOk);
+    std::vector<std::string> order;
+    for (const auto& c : lines("call: "))
+        order.push_back(c.substr(0, c.find(" quarvel")));
+    EXPECT_EQ(order, (std::vector<std::string>{"call: t=0 " + path + ":2", "call: t=10 " + path + ":4",
+                                               "call: t=15 " + path + ":10", "call: t=30 " + path + ":6",
+                                               "call: t=30 " + path + ":7"}));
+}
+
+TEST_F(PlayerTest, MovingWindowIsSetInEqualStepsBeforeEachFrame) {
+    std::string path = scenario(
+        "video open\nvideo rect 0 0 1920 1080\nvideo first-frame\n"
+        "video frame count=4 to=960,540,960,540\nvideo close\n");
+    EXPECT_EQ(play({"--no-svg", "--no-trace", path}), tvsp::kExitOk);
+    std::vector<std::string> rects;
+    for (const auto& c : lines("call: "))
+        if (c.find("set_rect(") != std::string::npos)
+            rects.push_back(c.substr(c.find("set_rect(")));
+    EXPECT_EQ(rects,
+              (std::vector<std::string>{
+                  "set_rect(x=0 y=0 w=1920 h=1080 dar=0:0)", "set_rect(x=240 y=135 w=1680 h=945 dar=0:0)",
+                  "set_rect(x=480 y=270 w=1440 h=810 dar=0:0)", "set_rect(x=720 y=405 w=1200 h=675 dar=0:0)",
+                  "set_rect(x=960 y=540 w=960 h=540 dar=0:0)"}));
+}
+
+TEST_F(PlayerTest, HideAndShowUseTheLastRectangle) {
+    std::string path =
+        scenario("video open\nvideo rect 10 20 640 360 dar=16:9\nvideo hide\nvideo show\nvideo close\n");
+    EXPECT_EQ(play({"--no-svg", "--no-trace", path}), tvsp::kExitOk);
+    std::vector<std::string> rects;
+    for (const auto& c : lines("call: "))
+        if (c.find("set_rect(") != std::string::npos)
+            rects.push_back(c.substr(c.find("set_rect(")));
+    EXPECT_EQ(rects, (std::vector<std::string>{"set_rect(x=10 y=20 w=640 h=360 dar=16:9)",
+                                               "set_rect(x=10 y=20 w=0 h=360 dar=16:9)",
+                                               "set_rect(x=10 y=20 w=640 h=360 dar=16:9)"}));
+}
+
+// ---- The emulated audio decoder -----------------------------------------------------------
+
+TEST_F(PlayerTest, AudioDecoderPlaysAtTheSampleRateOnceStarted) {
+    // Ring buffer 8 x 4096, decoder buffer 8192; 48 kHz stereo plays 192 bytes a millisecond.
+    std::string path = scenario(
+        "platform compr-device /dev/snd/comprC0D0\naudio open /dev/snd/comprC0D0\n"
+        "audio setup 2 48000\naudio info\naudio push 4096 count=4\nwait 10\naudio info\n"
+        "audio close\n");
+    EXPECT_EQ(play({"--no-svg", "--no-trace", path}), tvsp::kExitOk);
+    // Before the first push: nothing queued, the whole ring free but the reserve.
+    EXPECT_TRUE(has_line(
+        "result: t=0 quarvel_audio_output_get_info -> 0 frames_delay=0 bytes_free=32628 remain_size=0"));
+    // 16384 bytes written, 1920 played: 14464 bytes = 3616 frames behind; the decoder holds
+    // 8192 not yet played, the ring 16384 - 10112.
+    EXPECT_TRUE(
+        has_line("result: t=10 quarvel_audio_output_get_info -> 0 frames_delay=3616 bytes_free=26356 "
+                 "remain_size=8192"));
+}
+
+TEST_F(PlayerTest, BackPressureIsRetriedAfterVirtualTimeAdvances) {
+    std::string path = scenario(
+        "platform compr-device /dev/snd/comprC0D0\nplatform compr buffer=8192 dsp=0\n"
+        "audio open /dev/snd/comprC0D0\naudio setup 2 48000\naudio push 4096 count=3 retry=5\n"
+        "audio close\n");
+    EXPECT_EQ(play({"--no-svg", "--no-trace", path}), tvsp::kExitOk);
+    std::vector<std::string> results;
+    for (const auto& l : lines("result: "))
+        if (l.find("push_data") != std::string::npos)
+            results.push_back(l);
+    EXPECT_EQ(results, (std::vector<std::string>{
+                           "result: t=0 quarvel_audio_output_push_data -> 0",
+                           "result: t=0 quarvel_audio_output_push_data -> 0",
+                           "result: t=0 quarvel_audio_output_push_data -> -2 no space, retry in 5 ms",
+                           "result: t=5 quarvel_audio_output_push_data -> -2 no space, retry in 5 ms",
+                           "result: t=10 quarvel_audio_output_push_data -> -2 no space, retry in 5 ms",
+                           "result: t=15 quarvel_audio_output_push_data -> -2 no space, retry in 5 ms",
+                           "result: t=20 quarvel_audio_output_push_data -> -2 no space, retry in 5 ms",
+                           "result: t=25 quarvel_audio_output_push_data -> 0",
+                       }));
+    EXPECT_NE(
+        out_.find("summary: audio frames pushed 3072 (3 blocks, 12288 bytes), back-pressure answers 5\n"),
+        std::string::npos);
+}
+
+TEST_F(PlayerTest, ABlockThatNeverFindsRoomGivesUp) {
+    // The stream never starts (nothing plays), so the third block never fits.
+    std::string path = scenario(
+        "platform compr-device /dev/snd/comprC0D0\nplatform compr buffer=8192\n"
+        "platform fail SNDRV_COMPRESS_START EIO always\n"
+        "audio open /dev/snd/comprC0D0\naudio setup 2 48000\n"
+        "audio push 4096 expect=-4\naudio push 4096\n"
+        "audio push 4096 retry=5 max-retries=3\n");
+    EXPECT_EQ(play({"--no-svg", "--no-trace", path}), tvsp::kExitMismatch);
+    EXPECT_EQ(err_, path + ":8: quarvel_audio_output_push_data returned -2, expected 0\n");
+    EXPECT_TRUE(
+        has_line("result: t=15 quarvel_audio_output_push_data -> -2 no space after 3 retries (expected 0) "
+                 "UNEXPECTED"));
+}
+
+// ---- Summary ------------------------------------------------------------------------------
+
+TEST_F(PlayerTest, SummaryCountsFramesHidesSourcesAndRequests) {
+    std::string path = scenario(
+        "video open\nvideo rect 0 0 1920 1080\nvideo first-frame port=hdmi\n"
+        "video frame count=3\nvideo hide\nvideo frame count=2\nvideo show\n"
+        "video frame port=mm\nvideo close\n");
+    EXPECT_EQ(play({"--no-svg", "--no-trace", path}), tvsp::kExitOk);
+    EXPECT_NE(out_.find("summary: frames pushed 6, accepted 6, shown 4, null frames 0\n"), std::string::npos);
+    EXPECT_NE(
+        out_.find(
+            "summary: plane programmed 2 times, hides requested 1, video muted 1 times, unmuted 2 times\n"),
+        std::string::npos);
+    EXPECT_NE(out_.find("summary: source changes 2: none->hdmi at 0 ms, hdmi->mm at 100 ms\n"),
+              std::string::npos);
+    EXPECT_NE(out_.find("summary:   DRM_IOCTL_MODE_SETPLANE            2\n"), std::string::npos);
+    EXPECT_NE(out_.find("summary:   DRM_IOCTL_SDP_SET_ONOFF            3\n"), std::string::npos);
+}
+
+// ---- The picture --------------------------------------------------------------------------
+
+std::map<std::string, std::string> attributes(const std::string& element) {
+    std::map<std::string, std::string> out;
+    static const std::regex attr(R"re(([a-z-]+)="([^"]*)")re");
+    for (std::sregex_iterator it(element.begin(), element.end(), attr), end; it != end; ++it)
+        out[(*it)[1]] = (*it)[2];
+    return out;
+}
+
+std::vector<std::map<std::string, std::string>> elements(const std::string& svg, const std::string& tag,
+                                                         const std::string& cls) {
+    std::vector<std::map<std::string, std::string>> out;
+    std::regex el("<" + tag + " class=\"" + cls + "\"[^>]*/>");
+    for (std::sregex_iterator it(svg.begin(), svg.end(), el), end; it != end; ++it)
+        out.push_back(attributes(it->str()));
+    return out;
+}
+
+long long field(const std::string& line, const std::string& key) {
+    std::smatch m;
+    std::regex re(" " + key + "=(-?\\d+)");
+    if (!std::regex_search(line, m, re))
+        ADD_FAILURE() << key << " not in " << line;
+    return std::stoll(m[1]);
+}
+
+TEST_F(PlayerTest, PictureOfTheDefaultScenarioShowsThePlaneWhereTheTracePutIt) {
+    std::string svg_path = dir_ + "/session.svg";
+    ASSERT_EQ(play({"--svg", svg_path, std::string(RUVO_SCENARIO_DIR) + "/default.scn"}), tvsp::kExitOk)
+        << err_;
+    std::ifstream in(svg_path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    const std::string svg = ss.str();
+    ASSERT_FALSE(svg.empty());
+
+    const auto root =
+        attributes(svg.substr(svg.find("<svg "), svg.find('>', svg.find("<svg ")) - svg.find("<svg ")));
+    ASSERT_EQ(root.at("data-panel-w"), "1920");
+    ASSERT_EQ(root.at("data-panel-h"), "1080");
+    const double scale = tvsp::SvgLayout::kThumbWidth / 1920.0;
+
+    // Successful SETPLANE requests of the trace, by record number.
+    std::map<std::string, std::string> setplane;  // seq -> trace line
+    static const std::regex trace_line(R"(^trace: t=(\S+) #(\d+) drm \S+ DRM_IOCTL_MODE_SETPLANE .* -> 0$)");
+    for (const auto& l : lines("trace: ")) {
+        std::smatch m;
+        if (std::regex_match(l, m, trace_line))
+            setplane[m[2]] = l;
+    }
+    ASSERT_GT(setplane.size(), 50u);  // the first placement, fifty moves, the new size, the hand-back
+
+    std::map<std::string, std::map<std::string, std::string>> panels;
+    for (const auto& p : elements(svg, "rect", "panel"))
+        panels[p.at("data-snap")] = p;
+    const auto planes = elements(svg, "rect", "plane");
+    ASSERT_EQ(planes.size(), panels.size());
+
+    std::map<std::string, int> seen;
+    for (const auto& r : planes) {
+        SCOPED_TRACE(r.at("id"));
+        const std::string& seq = r.at("data-seq");
+        ASSERT_TRUE(setplane.count(seq)) << "no SETPLANE #" << seq << " in the trace";
+        const std::string& t = setplane[seq];
+        seen[seq]++;
+        // Where the driver was told to put the plane ...
+        EXPECT_EQ(std::stoll(r.at("data-x")), field(t, "crtc_x"));
+        EXPECT_EQ(std::stoll(r.at("data-y")), field(t, "crtc_y"));
+        EXPECT_EQ(std::stoll(r.at("data-w")), field(t, "crtc_w"));
+        EXPECT_EQ(std::stoll(r.at("data-h")), field(t, "crtc_h"));
+        // ... drawn inside its panel at the panel's scale.
+        const auto& panel = panels.at(r.at("data-snap"));
+        EXPECT_NEAR(std::stod(r.at("x")), std::stod(panel.at("x")) + field(t, "crtc_x") * scale, 0.01);
+        EXPECT_NEAR(std::stod(r.at("y")), std::stod(panel.at("y")) + field(t, "crtc_y") * scale, 0.01);
+        EXPECT_NEAR(std::stod(r.at("width")), field(t, "crtc_w") * scale, 0.01);
+        EXPECT_NEAR(std::stod(r.at("height")), field(t, "crtc_h") * scale, 0.01);
+    }
+    // Every placement of the trace has its picture.
+    for (const auto& kv : setplane)
+        EXPECT_TRUE(seen.count(kv.first)) << "SETPLANE #" << kv.first << " not drawn";
+
+    // First: full screen, shown, from the browser's stream; last: the broadcast frame back
+    // in the corner the window had shrunk to.
+    const auto& first = planes.front();
+    EXPECT_EQ(first.at("data-t"), "0");
+    EXPECT_EQ(first.at("data-w"), "1920");
+    EXPECT_EQ(first.at("data-h"), "1080");
+    EXPECT_EQ(first.at("data-muted"), "0");
+    EXPECT_EQ(first.at("data-source"), "1");
+    const auto& last = planes.back();
+    EXPECT_EQ(last.at("data-t"), "5000");
+    EXPECT_EQ(last.at("data-x"), "1344");
+    EXPECT_EQ(last.at("data-y"), "756");
+    EXPECT_EQ(last.at("data-w"), "576");
+    EXPECT_EQ(last.at("data-h"), "324");
+    EXPECT_EQ(last.at("data-muted"), "0");
+    EXPECT_EQ(last.at("data-source"), "0");
+
+    // The delay curve carries every position the player read, in order.
+    std::vector<std::pair<std::string, std::string>> reported;
+    static const std::regex info(
+        R"(^result: t=(\S+) quarvel_audio_output_get_info -> 0 frames_delay=(\d+) .*)");
+    for (const auto& l : lines("result: ")) {
+        std::smatch m;
+        if (std::regex_match(l, m, info))
+            reported.emplace_back(m[1], m[2]);
+    }
+    std::vector<std::pair<std::string, std::string>> drawn;
+    for (const auto& c : elements(svg, "circle", "delay-point"))
+        drawn.emplace_back(c.at("data-t"), c.at("data-frames-delay"));
+    EXPECT_EQ(drawn.size(), 49u);
+    EXPECT_EQ(drawn, reported);
+
+    // The time axis shows the stream's source and then the broadcast source.
+    const auto sources = elements(svg, "rect", "source");
+    ASSERT_EQ(sources.size(), 2u);
+    EXPECT_EQ(sources[0].at("data-port"), "1");
+    EXPECT_EQ(sources[0].at("data-from"), "0");
+    EXPECT_EQ(sources[0].at("data-to"), "5000");
+    EXPECT_EQ(sources[1].at("data-port"), "0");
+}
+
+TEST_F(PlayerTest, PictureGoesToTheScenarioNameInTheCurrentDirectoryByDefault) {
+    std::string path = scenario("video open\nvideo close\n");
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
+    ASSERT_EQ(chdir(dir_.c_str()), 0);
+    int rc = play({path});
+    ASSERT_EQ(chdir(cwd), 0);
+    EXPECT_EQ(rc, tvsp::kExitOk);
+    EXPECT_TRUE(exists(dir_ + "/s.svg"));
+    EXPECT_TRUE(has_line("picture: s.svg (0 plane moments, 0 delay samples)"));
+}
+
+}  // namespace

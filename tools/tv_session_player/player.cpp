@@ -1,0 +1,1143 @@
+// The TV session player: scheduler, library calls, emulated platform, trace, summary.
+#include "player.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <inttypes.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "emutv/emutv.h"
+#include "emutv/models.h"
+#include "ruvo/quarvel_audio_output.h"
+#include "ruvo/quarvel_video_output.h"
+#include "svg.h"
+
+namespace tvsp {
+
+namespace {
+
+// Compressed-offload start and stop requests (_IO('C', 0x32), _IO('C', 0x33)).
+constexpr unsigned long kComprStart = 0x4332;
+constexpr unsigned long kComprStop = 0x4333;
+constexpr uint32_t kMuteFunc = 1;  // DRM_SDP_FUNC_MUTE_ONOFF
+
+// The decoded stream as the scenario describes it; what frame lines leave behind.
+struct FrameFormat {
+    uint32_t w = 1920;
+    uint32_t h = 1080;
+    uint32_t aspect = 3;
+    uint32_t framerate = 50000;
+    uint32_t port = 1;  // V4L2_DRM_INPUTPORT_TYPE_MM
+    int32_t dv = -1;
+    uint32_t linesize = 0;
+};
+
+void apply_format(const Command& c, FrameFormat* f) {
+    if (c.has("size")) {
+        f->w = static_cast<uint32_t>(c.arg("size").v[0]);
+        f->h = static_cast<uint32_t>(c.arg("size").v[1]);
+    }
+    f->aspect = static_cast<uint32_t>(c.num("aspect", f->aspect));
+    f->framerate = static_cast<uint32_t>(c.num("framerate", f->framerate));
+    f->port = static_cast<uint32_t>(c.num("port", f->port));
+    f->dv = static_cast<int32_t>(c.num("dv", f->dv));
+    f->linesize = static_cast<uint32_t>(c.num("linesize", f->linesize));
+}
+
+v4l2_drm make_descriptor(const FrameFormat& f, uint32_t index) {
+    v4l2_drm d;
+    memset(&d, 0, sizeof(d));
+    d.inputport = static_cast<v4l2_drm_inputport_type>(f.port);
+    v4l2_drm_dec_info& di = d.u.dec_info;
+    di.aspectratio = static_cast<v4l2_aspectratio_type>(f.aspect);
+    di.hres = f.w;
+    di.vres = f.h;
+    di.effective_hres = f.w;
+    di.effective_vres = f.h;
+    di.framerate = f.framerate;
+    di.bpp = 8;
+    di.pFrame[0].display_index = index;
+    di.pFrame[0].showframe = 1;
+    di.pFrame[0].width = f.w;
+    di.pFrame[0].height = f.h;
+    di.pFrame[0].y_linesize = f.w;
+    di.pFrame[0].u_linesize = f.w;
+    di.pFrame[0].v_linesize = f.linesize;
+    di.pFrame[0].colorformat = V4L2_DRM_COLORFORMAT_YUV420;
+    di.pFrame[0].framedone = 1;
+    return d;
+}
+
+std::string frame_text(const FrameFormat& f, uint32_t index) {
+    char buf[160];
+    snprintf(buf, sizeof(buf), "frame %ux%u aspect=%u framerate=%u port=%s dv=%d index=%u", f.w, f.h,
+             f.aspect, f.framerate, port_name(f.port), f.dv, index);
+    return buf;
+}
+
+std::string rect_text(const quarvel_video_output_rect_t& r) {
+    char buf[128];
+    snprintf(buf, sizeof(buf), "x=%d y=%d w=%u h=%u dar=%u:%u", r.x, r.y, r.w, r.h, r.dar_w, r.dar_h);
+    return buf;
+}
+
+bool same_rect(const quarvel_video_output_rect_t& a, const quarvel_video_output_rect_t& b) {
+    return a.x == b.x && a.y == b.y && a.w == b.w && a.h == b.h && a.dar_w == b.dar_w && a.dar_h == b.dar_h;
+}
+
+int thread_count() {
+    DIR* d = opendir("/proc/self/task");
+    if (!d)
+        return -1;
+    int n = 0;
+    while (struct dirent* e = readdir(d))
+        if (e->d_name[0] != '.')
+            ++n;
+    closedir(d);
+    return n;
+}
+
+// The library's broadcast switch mutes audio from a detached thread of its own. Waiting
+// for that thread to end keeps the order of the printed lines the same from run to run.
+void wait_for_threads(int baseline) {
+    if (baseline < 0)
+        return;
+    for (int i = 0; i < 5000 && thread_count() > baseline; ++i) {
+        struct timespec ts = {0, 1000000};
+        nanosleep(&ts, nullptr);
+    }
+}
+
+// The chip's audio decoder as the compressed-offload device shows it: a ring buffer the
+// library writes into, and a decoder that, once started, takes data from the ring into
+// its own buffer as soon as there is room and plays channels x 2 x rate bytes a second.
+class AudioDecoder {
+  public:
+    void configure(int64_t buffer, int64_t dsp) {
+        if (buffer > 0)
+            buffer_ = static_cast<uint64_t>(buffer);
+        if (dsp >= 0)
+            dsp_ = dsp;
+    }
+    void set_stream(uint32_t channels, uint32_t rate) {
+        rate_ = rate;
+        bytes_per_s_ = static_cast<uint64_t>(rate) * channels * 2;
+    }
+    // Called from the request listener (platform lock held).
+    void start(int64_t now) {
+        running_ = true;
+        last_us_ = now;
+    }
+    void stop(uint64_t bytes_written_total) {
+        running_ = false;
+        base_ = bytes_written_total;
+        played_e6_ = 0;
+        copied_ = 0;
+    }
+    void advance(int64_t now) {
+        if (running_ && now > last_us_) {
+            uint64_t written = written_bytes();
+            played_e6_ += bytes_per_s_ * static_cast<uint64_t>(now - last_us_);
+            played_e6_ = std::min<uint64_t>(played_e6_, written * 1000000ULL);
+        }
+        last_us_ = now;
+    }
+    // Writes the device's answers (avail, copied_total, remaining size) for this moment.
+    void publish() {
+        auto& tv = emutv::platform();
+        std::lock_guard<std::recursive_mutex> g(tv.mutex());
+        emutv::ComprModel& m = tv.compr();
+        uint64_t buffer = buffer_ ? buffer_ : static_cast<uint64_t>(m.min_fragment_size) * m.max_fragments;
+        int64_t dsp = dsp_ >= 0 ? dsp_ : 2 * static_cast<int64_t>(m.min_fragment_size);
+        uint64_t written = m.bytes_written >= base_ ? m.bytes_written - base_ : 0;
+        uint64_t played = played_e6_ / 1000000ULL;
+        if (running_)
+            copied_ = std::max(copied_, std::min<uint64_t>(written, played + static_cast<uint64_t>(dsp)));
+        uint64_t queued = written - std::min(written, copied_);
+        m.consume_on_write = false;
+        m.avail = buffer > queued ? buffer - queued : 0;
+        m.copied_total = static_cast<uint32_t>(copied_);
+        if (rate_) {
+            m.sampling_rate = rate_;
+            m.remain = (copied_ - std::min(copied_, played)) * 48000ULL / rate_;
+        }
+    }
+
+  private:
+    uint64_t written_bytes() const {
+        auto& m = emutv::platform().compr();
+        return m.bytes_written >= base_ ? m.bytes_written - base_ : 0;
+    }
+    uint64_t buffer_ = 0;  // 0: from the device's fragment sizes
+    int64_t dsp_ = -1;     // -1: two fragments
+    uint32_t rate_ = 0;
+    uint64_t bytes_per_s_ = 0;
+    bool running_ = false;
+    int64_t last_us_ = 0;
+    uint64_t base_ = 0;
+    uint64_t played_e6_ = 0;  // bytes played, times 10^6
+    uint64_t copied_ = 0;
+};
+
+struct TrackRun {
+    std::vector<const Command*> lines;
+    size_t pc = 0;
+    int64_t due = 0;
+    bool in_line = false;
+    int64_t start = 0;
+    int64_t every = 0;
+    int64_t step = 0;
+    int64_t retries = 0;
+};
+
+struct StepResult {
+    bool retry = false;
+    int64_t retry_us = 0;
+};
+
+class Session {
+  public:
+    Session(const Scenario& sc, const PlayerOptions& opt) : sc_(sc), opt_(opt) {}
+    int run();
+
+  private:
+    // Scheduling
+    void run_line_step(TrackRun& t);
+    int64_t line_every(const Command& c) const;
+
+    // Library calls
+    StepResult execute_call(const Command& c, int64_t step, int64_t retries);
+    void execute_platform(const Command& c);
+    void begin_call(const Command& c, const std::string& what);
+    void end_call(const Command& c, const char* fn, int64_t result, int64_t expected,
+                  const std::string& detail);
+    void skipped(const Command& c, const char* fn, const std::string& why);
+    bool video_handle(const Command& c, const char* fn, quarvel_video_output_s** out);
+    bool audio_handle(const Command& c, const char* fn, quarvel_audio_output_s** out);
+    void call_set_rect(const Command& c, quarvel_video_output_s* h, const quarvel_video_output_rect_t& r,
+                       int64_t expected);
+
+    // Requests
+    void on_event(const emutv::Event& e);
+    void summary();
+    bool write_svg();
+
+    const Scenario& sc_;
+    const PlayerOptions& opt_;
+    std::atomic<int64_t> now_{0};
+    std::mutex mu_;
+
+    quarvel_video_output_s* video_ = nullptr;
+    quarvel_audio_output_s* audio_ = nullptr;
+    FrameFormat fmt_;
+    uint32_t next_index_ = 1;
+    quarvel_video_output_rect_t last_rect_{};
+    quarvel_video_output_rect_t last_shown_{};
+    uint32_t channels_ = 0;
+    AudioDecoder decoder_;
+
+    // What the driver was told (from the record).
+    std::map<std::string, size_t> requests_;
+    size_t total_requests_ = 0;
+    bool have_plane_ = false;
+    PlaneSnapshot plane_;  // current state; t_us and call filled per moment
+    size_t plane_changes_ = 0;
+    size_t setplanes_ = 0, mutes_ = 0, unmutes_ = 0;
+    std::vector<std::string> source_changes_;
+    std::vector<PlaneSnapshot> moments_;
+
+    // Calls
+    size_t calls_ = 0;
+    size_t mismatches_ = 0;
+    size_t frames_pushed_ = 0, frames_ok_ = 0, frames_shown_ = 0, null_frames_ = 0;
+    size_t hide_requests_ = 0;
+    size_t audio_blocks_ = 0, audio_bytes_ = 0, backpressure_ = 0;
+    uint64_t audio_frames_ = 0;
+    std::vector<DelaySample> delays_;
+    int panel_w_ = 0, panel_h_ = 0;
+    size_t call_mark_ = 0;                                         // plane_changes_ at the start of the call
+    std::map<const Command*, std::array<int64_t, 4>> move_start_;  // where a moving window began
+};
+
+int64_t Session::line_every(const Command& c) const {
+    if (c.has("every"))
+        return c.every_us();
+    if (c.cmd == Cmd::VideoFrame) {
+        uint32_t fr = static_cast<uint32_t>(c.num("framerate", fmt_.framerate));
+        return fr ? static_cast<int64_t>(1000000000ULL / fr) : 0;
+    }
+    if (c.cmd == Cmd::AudioPush && c.has("rate"))
+        return static_cast<int64_t>(static_cast<uint64_t>(c.num("size", 4096)) * 1000000ULL /
+                                    static_cast<uint64_t>(c.num("rate", 1)));
+    return 0;
+}
+
+void Session::run_line_step(TrackRun& t) {
+    const Command& c = *t.lines[t.pc];
+    const int64_t now = now_.load();
+    auto next_line = [&](int64_t due) {
+        t.pc++;
+        t.in_line = false;
+        t.due = std::max(now_.load(), due);
+    };
+    switch (c.cmd) {
+        case Cmd::Track:
+            next_line(now);
+            return;
+        case Cmd::At:
+            next_line(c.num("ms", 0));
+            return;
+        case Cmd::Wait:
+            next_line(now + c.num("ms", 0));
+            return;
+        case Cmd::EnvSet:
+            if (opt_.calls)
+                printf("env: t=%s %s=%s\n", format_ms(now).c_str(), c.arg("name").text.c_str(),
+                       c.arg("value").text.c_str());
+            setenv(c.arg("name").text.c_str(), c.arg("value").text.c_str(), 1);
+            next_line(now);
+            return;
+        case Cmd::EnvUnset:
+            if (opt_.calls)
+                printf("env: t=%s unset %s\n", format_ms(now).c_str(), c.arg("name").text.c_str());
+            unsetenv(c.arg("name").text.c_str());
+            next_line(now);
+            return;
+        default:
+            break;
+    }
+    if (!c.is_call()) {
+        execute_platform(c);
+        next_line(now);
+        return;
+    }
+    if (!t.in_line) {
+        t.in_line = true;
+        t.start = now;
+        t.every = line_every(c);
+        t.step = 0;
+        t.retries = 0;
+    }
+    StepResult r = execute_call(c, t.step, t.retries);
+    if (r.retry) {
+        t.retries++;
+        t.due = now_.load() + r.retry_us;
+        return;
+    }
+    t.retries = 0;
+    t.step++;
+    if (t.step < c.count()) {
+        t.due = std::max(now_.load(), t.start + t.step * t.every);
+        return;
+    }
+    next_line(t.every > 0 ? t.start + c.count() * t.every : now_.load());
+}
+
+void Session::begin_call(const Command& c, const std::string& what) {
+    decoder_.advance(now_.load());
+    decoder_.publish();
+    calls_++;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        call_mark_ = plane_changes_;
+    }
+    if (opt_.calls)
+        printf("call: t=%s %s %s%s\n", format_ms(now_.load()).c_str(), c.where().c_str(), what.c_str(),
+               c.null_handle() ? " with a null handle" : "");
+}
+
+void Session::end_call(const Command& c, const char* fn, int64_t result, int64_t expected,
+                       const std::string& detail) {
+    bool ok = result == expected;
+    if (!ok)
+        mismatches_++;
+    if (opt_.calls || !ok)
+        printf("result: t=%s %s -> %" PRId64 "%s%s%s\n", format_ms(now_.load()).c_str(), fn, result,
+               detail.empty() ? "" : " ", detail.c_str(),
+               ok ? "" : (" (expected " + std::to_string(expected) + ") UNEXPECTED").c_str());
+    if (!ok) {
+        fflush(stdout);
+        fprintf(stderr, "%s: %s returned %" PRId64 ", expected %" PRId64 "\n", c.where().c_str(), fn, result,
+                expected);
+    }
+    std::lock_guard<std::mutex> g(mu_);
+    if (plane_changes_ != call_mark_) {
+        PlaneSnapshot s = plane_;
+        s.t_us = now_.load();
+        s.call = fn;
+        s.has_rect = have_plane_;
+        moments_.push_back(s);
+    }
+}
+
+void Session::skipped(const Command& c, const char* fn, const std::string& why) {
+    mismatches_++;
+    printf("result: t=%s %s skipped: %s UNEXPECTED\n", format_ms(now_.load()).c_str(), fn, why.c_str());
+    fflush(stdout);
+    fprintf(stderr, "%s: %s not called: %s\n", c.where().c_str(), fn, why.c_str());
+}
+
+bool Session::video_handle(const Command& c, const char* fn, quarvel_video_output_s** out) {
+    if (c.null_handle()) {
+        *out = nullptr;
+        return true;
+    }
+    if (!video_) {
+        skipped(c, fn, "no video output is open");
+        return false;
+    }
+    *out = video_;
+    return true;
+}
+
+bool Session::audio_handle(const Command& c, const char* fn, quarvel_audio_output_s** out) {
+    if (c.null_handle()) {
+        *out = nullptr;
+        return true;
+    }
+    if (!audio_) {
+        skipped(c, fn, "no audio output is open");
+        return false;
+    }
+    *out = audio_;
+    return true;
+}
+
+void Session::call_set_rect(const Command& c, quarvel_video_output_s* h, const quarvel_video_output_rect_t& r,
+                            int64_t expected) {
+    const char* fn = "quarvel_video_output_set_rect";
+    begin_call(c, std::string(fn) + "(" + rect_text(r) + ")");
+    int res = quarvel_video_output_set_rect(h, &r);
+    last_rect_ = r;
+    if (r.w && r.h)
+        last_shown_ = r;
+    else
+        hide_requests_++;
+    end_call(c, fn, res, expected, "");
+}
+
+StepResult Session::execute_call(const Command& c, int64_t step, int64_t retries) {
+    StepResult sr;
+    const int64_t expected = c.expect();
+    switch (c.cmd) {
+        case Cmd::VideoOpen: {
+            const char* fn = "quarvel_video_output_open";
+            if (video_) {
+                skipped(c, fn, "a video output is already open");
+                break;
+            }
+            bool ta = c.num("ta", 0) != 0;
+            begin_call(c, std::string(fn) + (ta ? "(bTaCase=true)" : "(bTaCase=false)"));
+            video_ = quarvel_video_output_open(ta);
+            std::string detail;
+            if (video_) {
+                panel_w_ = video_->m_panel_width;
+                panel_h_ = video_->m_panel_height;
+                char buf[160];
+                snprintf(buf, sizeof(buf), "panel=%dx%d connector=%u crtc=%u video plane=%d",
+                         video_->m_panel_width, video_->m_panel_height, video_->m_con_id, video_->m_crtc_id,
+                         video_->m_plane_type < 11 ? video_->m_plane_obj_id[video_->m_plane_type] : -1);
+                detail = buf;
+            } else {
+                detail = "(null)";
+            }
+            end_call(c, fn, video_ ? 0 : -1, expected, detail);
+            break;
+        }
+        case Cmd::VideoClose: {
+            const char* fn = "quarvel_video_output_close";
+            quarvel_video_output_s* h;
+            if (!video_handle(c, fn, &h))
+                break;
+            begin_call(c, std::string(fn) + (h ? "()" : "(null)"));
+            quarvel_video_output_close(h);
+            if (h)
+                video_ = nullptr;
+            end_call(c, fn, 0, expected, "");
+            break;
+        }
+        case Cmd::VideoPanel: {
+            const char* fn = "quarvel_video_output_get_panel_size";
+            quarvel_video_output_s* h;
+            if (!video_handle(c, fn, &h))
+                break;
+            begin_call(c, std::string(fn) + "()");
+            int w = -1, hh = -1;
+            quarvel_video_output_get_panel_size(h, &w, &hh);
+            end_call(c, fn, 0, expected, "w=" + std::to_string(w) + " h=" + std::to_string(hh));
+            break;
+        }
+        case Cmd::VideoRect:
+        case Cmd::VideoHide:
+        case Cmd::VideoShow: {
+            quarvel_video_output_s* h;
+            if (!video_handle(c, "quarvel_video_output_set_rect", &h))
+                break;
+            quarvel_video_output_rect_t r{};
+            if (c.cmd == Cmd::VideoRect) {
+                r.x = static_cast<int32_t>(c.num("x", 0));
+                r.y = static_cast<int32_t>(c.num("y", 0));
+                r.w = static_cast<uint32_t>(c.num("w", 0));
+                r.h = static_cast<uint32_t>(c.num("h", 0));
+                if (c.has("dar")) {
+                    r.dar_w = static_cast<uint32_t>(c.arg("dar").v[0]);
+                    r.dar_h = static_cast<uint32_t>(c.arg("dar").v[1]);
+                }
+            } else if (c.cmd == Cmd::VideoHide) {
+                r = last_rect_;
+                r.w = 0;
+            } else {
+                r = last_shown_;
+            }
+            call_set_rect(c, h, r, expected);
+            break;
+        }
+        case Cmd::VideoFirstFrame: {
+            const char* fn = "quarvel_video_output_init_with_first_frame";
+            quarvel_video_output_s* h;
+            if (!video_handle(c, fn, &h))
+                break;
+            apply_format(c, &fmt_);
+            uint32_t index = c.has("index") ? static_cast<uint32_t>(c.num("index", 0)) : next_index_++;
+            v4l2_drm d = make_descriptor(fmt_, index);
+            quarvel_video_output_frame_s frame{};
+            frame.v4l2_frame = &d;
+            frame.dv_profile = fmt_.dv;
+            begin_call(c, std::string(fn) + "(" + frame_text(fmt_, index) + ")");
+            int res = quarvel_video_output_init_with_first_frame(h, &frame);
+            end_call(c, fn, res, expected, "");
+            break;
+        }
+        case Cmd::VideoFrame: {
+            const char* fn = "quarvel_video_output_push_frame_to_display";
+            quarvel_video_output_s* h;
+            if (!video_handle(c, fn, &h))
+                break;
+            if (c.has("to")) {
+                // The window moves from 'from' (or where it was when the line began) to 'to'
+                // in count equal steps; the first frame already takes the first step.
+                std::array<int64_t, 4>& f = move_start_[&c];
+                if (step == 0) {
+                    if (c.has("from"))
+                        for (int i = 0; i < 4; ++i)
+                            f[static_cast<size_t>(i)] = c.arg("from").v[i];
+                    else
+                        f = {last_rect_.x, last_rect_.y, last_rect_.w, last_rect_.h};
+                }
+                const int64_t n = c.count();
+                const Arg& to = c.arg("to");
+                int64_t v[4];
+                for (size_t i = 0; i < 4; ++i)
+                    v[i] = f[i] + (to.v[i] - f[i]) * (step + 1) / n;
+                quarvel_video_output_rect_t r = last_rect_;
+                r.x = static_cast<int32_t>(v[0]);
+                r.y = static_cast<int32_t>(v[1]);
+                r.w = static_cast<uint32_t>(v[2]);
+                r.h = static_cast<uint32_t>(v[3]);
+                if (!same_rect(r, last_rect_))
+                    call_set_rect(c, h, r, 0);
+            }
+            int res;
+            std::string what;
+            if (c.num("null", 0) == 1) {
+                begin_call(c, std::string(fn) + "(null frame)");
+                res = quarvel_video_output_push_frame_to_display(h, nullptr);
+                null_frames_++;
+            } else {
+                apply_format(c, &fmt_);
+                uint32_t index =
+                    c.has("index") ? static_cast<uint32_t>(c.num("index", 0) + step) : next_index_++;
+                v4l2_drm d = make_descriptor(fmt_, index);
+                quarvel_video_output_frame_s frame{};
+                frame.v4l2_frame = &d;
+                frame.dv_profile = fmt_.dv;
+                begin_call(c, std::string(fn) + "(" + frame_text(fmt_, index) + ")");
+                res = quarvel_video_output_push_frame_to_display(h, &frame);
+                frames_pushed_++;
+                if (res == 0) {
+                    frames_ok_++;
+                    std::lock_guard<std::mutex> g(mu_);
+                    if (have_plane_ && !plane_.muted)
+                        frames_shown_++;
+                }
+            }
+            end_call(c, fn, res, expected, "");
+            if (c.has("pts")) {
+                const char* pfn = "quarvel_video_output_set_pts";
+                long long pts = static_cast<long long>(c.num("pts", 0) + step * c.num("pts-step", 0));
+                begin_call(c, std::string(pfn) + "(" + std::to_string(pts) + ")");
+                int pres = quarvel_video_output_set_pts(h, pts);
+                end_call(c, pfn, pres, 0, "");
+            }
+            break;
+        }
+        case Cmd::VideoNextRes: {
+            const char* fn = "quarvel_video_output_set_next_res";
+            quarvel_video_output_s* h;
+            if (!video_handle(c, fn, &h))
+                break;
+            FrameFormat f = fmt_;
+            apply_format(c, &f);
+            uint32_t index = c.has("index") ? static_cast<uint32_t>(c.num("index", 0)) : next_index_;
+            v4l2_drm d = make_descriptor(f, index);
+            quarvel_video_output_frame_s frame{};
+            frame.v4l2_frame = &d;
+            frame.dv_profile = f.dv;
+            begin_call(c, std::string(fn) + "(" + frame_text(f, index) + ")");
+            int res = quarvel_video_output_set_next_res(h, &frame);
+            end_call(c, fn, res, expected, "");
+            break;
+        }
+        case Cmd::VideoVsync: {
+            const char* fn = "quarvel_video_output_get_vsync_info";
+            quarvel_video_output_s* h;
+            if (!video_handle(c, fn, &h))
+                break;
+            quarvel_video_output_vsync_info_s info{};
+            begin_call(c, std::string(fn) + "()");
+            int res = quarvel_video_output_get_vsync_info(h, &info);
+            char buf[128];
+            snprintf(buf, sizeof(buf), "fps=%.6f tv_sec=%d tv_nsec=%d", info.fps, info.tv_sec, info.tv_nsec);
+            end_call(c, fn, res, expected, res == 0 ? buf : "");
+            break;
+        }
+        case Cmd::VideoUsed: {
+            const char* fn = "quarvel_video_output_get_used_frames";
+            quarvel_video_output_s* h;
+            if (!video_handle(c, fn, &h))
+                break;
+            quarvel_video_used_frames_s used{};
+            begin_call(c, std::string(fn) + "()");
+            int res = quarvel_video_output_get_used_frames(h, &used);
+            end_call(c, fn, res, expected,
+                     res == 0 ? "dec0=" + std::to_string(used.used_by_decoder[0]) +
+                                    " dec1=" + std::to_string(used.used_by_decoder[1])
+                              : "");
+            break;
+        }
+        case Cmd::VideoPts: {
+            const char* fn = "quarvel_video_output_set_pts";
+            quarvel_video_output_s* h;
+            if (!video_handle(c, fn, &h))
+                break;
+            long long pts = static_cast<long long>(c.num("value", 0));
+            begin_call(c, std::string(fn) + "(" + std::to_string(pts) + ")");
+            int res = quarvel_video_output_set_pts(h, pts);
+            end_call(c, fn, res, expected, "");
+            break;
+        }
+        case Cmd::VideoNotifyTa: {
+            const char* fn = "quarvel_video_output_notify_ta_switch";
+            quarvel_video_output_s* h;
+            if (!video_handle(c, fn, &h))
+                break;
+            const char* env = getenv("TA_DTV_PRELOAD");
+            begin_call(
+                c, std::string(fn) + "() TA_DTV_PRELOAD=" + (env ? "\"" + std::string(env) + "\"" : "unset"));
+            int threads = thread_count();
+            quarvel_video_output_notify_ta_switch(h);
+            wait_for_threads(threads);
+            env = getenv("TA_DTV_PRELOAD");
+            end_call(c, fn, 0, expected,
+                     std::string("TA_DTV_PRELOAD=") + (env ? "\"" + std::string(env) + "\"" : "unset"));
+            break;
+        }
+        case Cmd::AudioOpen: {
+            const char* fn = "quarvel_audio_output_open";
+            if (audio_) {
+                skipped(c, fn, "an audio output is already open");
+                break;
+            }
+            const std::string& path = c.arg("path").text;
+            begin_call(c, std::string(fn) + "(\"" + path + "\")");
+            audio_ = quarvel_audio_output_open(path.c_str());
+            // A failed open releases the handle with a line that has no newline of its own.
+            if (!audio_)
+                printf("\n");
+            end_call(c, fn, audio_ ? 0 : -1, expected, audio_ ? "" : "(null)");
+            break;
+        }
+        case Cmd::AudioSetup: {
+            const char* fn = "quarvel_audio_output_setup";
+            quarvel_audio_output_s* h;
+            if (!audio_handle(c, fn, &h))
+                break;
+            quarvel_audio_output_setup_params_s p{};
+            p.channels = static_cast<uint32_t>(c.num("channels", 2));
+            p.sample_rate = static_cast<uint32_t>(c.num("rate", 48000));
+            begin_call(c, std::string(fn) + "(channels=" + std::to_string(p.channels) +
+                              " sample_rate=" + std::to_string(p.sample_rate) + ")");
+            int res = quarvel_audio_output_setup(h, &p);
+            if (res == 0 && h) {
+                channels_ = p.channels;
+                decoder_.set_stream(p.channels, p.sample_rate);
+            }
+            end_call(c, fn, res, expected, "");
+            break;
+        }
+        case Cmd::AudioStart:
+        case Cmd::AudioStop:
+        case Cmd::AudioInfo: {
+            const char* fn = c.cmd == Cmd::AudioStart  ? "quarvel_audio_output_start"
+                             : c.cmd == Cmd::AudioStop ? "quarvel_audio_output_stop"
+                                                       : "quarvel_audio_output_get_info";
+            quarvel_audio_output_s* h;
+            if (!audio_handle(c, fn, &h))
+                break;
+            begin_call(c, std::string(fn) + "()");
+            int res;
+            std::string detail;
+            if (c.cmd == Cmd::AudioStart) {
+                res = quarvel_audio_output_start(h);
+            } else if (c.cmd == Cmd::AudioStop) {
+                res = quarvel_audio_output_stop(h);
+            } else {
+                quarvel_audio_output_info_s info{};
+                res = quarvel_audio_output_get_info(h, &info);
+                if (res == 0) {
+                    char buf[160];
+                    snprintf(buf, sizeof(buf), "frames_delay=%u bytes_free=%u remain_size=%" PRId64,
+                             info.frames_delay, info.bytes_free, info.remain_size);
+                    detail = buf;
+                    std::lock_guard<std::mutex> g(mu_);
+                    delays_.push_back(DelaySample{now_.load(), info.frames_delay});
+                }
+            }
+            end_call(c, fn, res, expected, detail);
+            break;
+        }
+        case Cmd::AudioSyncMode: {
+            const char* fn = "quarvel_audio_output_set_sync_mode";
+            quarvel_audio_output_s* h;
+            if (!audio_handle(c, fn, &h))
+                break;
+            uint32_t mode = static_cast<uint32_t>(c.num("mode", 0));
+            begin_call(c, std::string(fn) + "(" + std::to_string(mode) + ")");
+            int res =
+                quarvel_audio_output_set_sync_mode(h, static_cast<quarvel_audio_output_sync_mode_t>(mode));
+            end_call(c, fn, res, expected, "");
+            break;
+        }
+        case Cmd::AudioVolume:
+        case Cmd::AudioSpeed: {
+            bool vol = c.cmd == Cmd::AudioVolume;
+            const char* fn =
+                vol ? "quarvel_audio_output_volume_control" : "quarvel_audio_output_speed_control";
+            quarvel_audio_output_s* h;
+            if (!audio_handle(c, fn, &h))
+                break;
+            float v = static_cast<float>(c.real("value", 1.0));
+            char buf[64];
+            snprintf(buf, sizeof(buf), "(%g)", static_cast<double>(v));
+            begin_call(c, std::string(fn) + buf);
+            int res =
+                vol ? quarvel_audio_output_volume_control(h, v) : quarvel_audio_output_speed_control(h, v);
+            end_call(c, fn, res, expected, "");
+            break;
+        }
+        case Cmd::AudioClose: {
+            const char* fn = "quarvel_audio_output_close";
+            quarvel_audio_output_s* h;
+            if (!audio_handle(c, fn, &h))
+                break;
+            begin_call(c, std::string(fn) + (h ? "()" : "(null)"));
+            quarvel_audio_output_close(h);
+            if (h)
+                audio_ = nullptr;
+            // The library's release line carries no newline of its own.
+            printf("\n");
+            end_call(c, fn, 0, expected, "");
+            break;
+        }
+        case Cmd::AudioPush: {
+            const char* fn = "quarvel_audio_output_push_data";
+            quarvel_audio_output_s* h;
+            if (!audio_handle(c, fn, &h))
+                break;
+            const uint32_t size = static_cast<uint32_t>(c.num("size", 4096));
+            const uint32_t extra = static_cast<uint32_t>(c.num("extra", 0));
+            std::vector<unsigned char> data(static_cast<size_t>(size) + extra);
+            for (size_t i = 0; i < data.size(); ++i)
+                data[i] = static_cast<unsigned char>(i * 7u + step);
+            begin_call(c, std::string(fn) + "(size=" + std::to_string(size) +
+                              " extra=" + std::to_string(extra) + ")");
+            int res = quarvel_audio_output_push_data(h, data.data(), size, extra);
+            const bool retrying = res == -2 && c.has("retry") && expected != -2;
+            if (retrying && retries < c.num("max-retries", 1000)) {
+                backpressure_++;
+                end_call(c, fn, res, res, "no space, retry in " + format_ms(c.num("retry", 0)) + " ms");
+                sr.retry = true;
+                sr.retry_us = c.num("retry", 0);
+                break;
+            }
+            if (retrying) {
+                backpressure_++;
+                end_call(c, fn, res, expected, "no space after " + std::to_string(retries) + " retries");
+                break;
+            }
+            if (res == 0) {
+                audio_blocks_++;
+                audio_bytes_ += size + extra;
+                if (channels_)
+                    audio_frames_ += (size / 2) / channels_;
+            } else if (res == -2) {
+                backpressure_++;
+            }
+            end_call(c, fn, res, expected, "");
+            break;
+        }
+        default:
+            break;
+    }
+    return sr;
+}
+
+void Session::execute_platform(const Command& c) {
+    auto& tv = emutv::platform();
+    const int64_t now = now_.load();
+    std::string text = c.name.substr(9);  // after "platform "
+    for (const auto& kv : c.args)
+        text += " " + kv.first + "=" + kv.second.text;
+    if (opt_.calls)
+        printf("platform: t=%s %s %s\n", format_ms(now).c_str(), c.where().c_str(), text.c_str());
+    std::lock_guard<std::recursive_mutex> g(tv.mutex());
+    switch (c.cmd) {
+        case Cmd::PlatformAbsent:
+            tv.set_present(c.arg("path").text, false);
+            break;
+        case Cmd::PlatformPresent:
+            tv.set_present(c.arg("path").text, true);
+            break;
+        case Cmd::PlatformComprDevice:
+            tv.add_compr_device(c.arg("path").text);
+            break;
+        case Cmd::PlatformFail:
+            tv.fail(c.arg("request").text, static_cast<int>(c.num("errno", EIO)),
+                    static_cast<int>(c.num("times", 1)));
+            break;
+        case Cmd::PlatformStatus:
+            tv.fail_status(c.arg("request").text, static_cast<int32_t>(c.num("status", 0)),
+                           static_cast<int>(c.num("times", 1)));
+            break;
+        case Cmd::PlatformClearFaults:
+            tv.clear_faults();
+            break;
+        case Cmd::PlatformPanel:
+            for (auto& con : tv.drm().connectors) {
+                con.mm_width = static_cast<uint32_t>(c.num("w", 0));
+                con.mm_height = static_cast<uint32_t>(c.num("h", 0));
+            }
+            break;
+        case Cmd::PlatformHal: {
+            static const emutv::HalMode modes[] = {emutv::HalMode::Absent,       emutv::HalMode::Working,
+                                                   emutv::HalMode::NoInitSymbol, emutv::HalMode::InitFails,
+                                                   emutv::HalMode::NoGetSymbol,  emutv::HalMode::GetFails,
+                                                   emutv::HalMode::GetsZero};
+            tv.set_hal(modes[c.num("mode", 0)]);
+            break;
+        }
+        case Cmd::PlatformVsync:
+            tv.vplt().vsync_hz = static_cast<int32_t>(c.num("hz", 59940));
+            tv.vplt().vsync_hz_ret = static_cast<int32_t>(c.num("ret", 0));
+            break;
+        case Cmd::PlatformVsyncOffset:
+            tv.vplt().offset_sec = static_cast<int32_t>(c.num("sec", 0));
+            tv.vplt().offset_nsec = static_cast<int32_t>(c.num("nsec", 0));
+            tv.vplt().offset_ret = static_cast<int32_t>(c.num("ret", 0));
+            break;
+        case Cmd::PlatformDecoderFrames:
+            tv.vplt().frames[0] = static_cast<int32_t>(c.num("dec0", 0));
+            tv.vplt().frames[1] = static_cast<int32_t>(c.num("dec1", 0));
+            break;
+        case Cmd::PlatformDolbyRewrite:
+            tv.dolby().rewrite = true;
+            tv.dolby().rewrite_to = static_cast<int32_t>(c.num("profile", 0));
+            break;
+        case Cmd::PlatformBroadcast: {
+            v4l2_drm cur;
+            memcpy(&cur, tv.decoder().display_frame.data(), sizeof(cur));
+            FrameFormat f;
+            f.w = cur.u.dec_info.hres;
+            f.h = cur.u.dec_info.vres;
+            f.aspect = static_cast<uint32_t>(cur.u.dec_info.aspectratio);
+            f.framerate = cur.u.dec_info.framerate;
+            f.port = static_cast<uint32_t>(cur.inputport);
+            apply_format(c, &f);
+            v4l2_drm d = make_descriptor(f, 1);
+            memcpy(tv.decoder().display_frame.data(), &d, sizeof(d));
+            break;
+        }
+        case Cmd::PlatformCompr:
+            decoder_.configure(c.num("buffer", 0), c.num("dsp", -1));
+            break;
+        case Cmd::PlatformLogmask:
+            tv.sandbox_write("/tmp/RUVO", std::to_string(c.num("value", 0)));
+            break;
+        default:
+            break;
+    }
+}
+
+void Session::on_event(const emutv::Event& e) {
+    const int64_t now = now_.load();
+    std::lock_guard<std::mutex> g(mu_);
+    requests_[e.name]++;
+    total_requests_++;
+    if (opt_.trace)
+        printf("trace: t=%s #%llu %s\n", format_ms(now).c_str(), static_cast<unsigned long long>(e.seq),
+               emutv::describe(e).c_str());
+    if (e.device == emutv::Device::Drm && e.kind == emutv::Kind::Ioctl && e.result == 0) {
+        if (e.name == "DRM_IOCTL_MODE_SETPLANE") {
+            have_plane_ = true;
+            plane_.seq = e.seq;
+            plane_.x = static_cast<int32_t>(e.field("crtc_x"));
+            plane_.y = static_cast<int32_t>(e.field("crtc_y"));
+            plane_.w = static_cast<uint32_t>(e.field("crtc_w"));
+            plane_.h = static_cast<uint32_t>(e.field("crtc_h"));
+            setplanes_++;
+            plane_changes_++;
+        } else if (e.name == "DRM_IOCTL_SDP_SET_ONOFF" && e.has("set_func") &&
+                   static_cast<uint32_t>(e.field("set_func")) == kMuteFunc) {
+            plane_.muted = e.field("onoff_flag") != 0;
+            if (plane_.muted)
+                mutes_++;
+            else
+                unmutes_++;
+            plane_changes_++;
+        } else if (e.name == "DRM_IOCTL_SDP_SET_DP_SOURCE") {
+            int port = static_cast<int>(e.field("inputport"));
+            if (port != plane_.port) {
+                source_changes_.push_back(std::string(plane_.port < 0 ? "none" : port_name(plane_.port)) +
+                                          "->" + port_name(port) + " at " + format_ms(now) + " ms");
+                plane_.port = port;
+                plane_changes_++;
+            }
+        }
+    }
+    if (e.device == emutv::Device::Compr && e.kind == emutv::Kind::Ioctl && e.result == 0) {
+        if (e.request == kComprStart)
+            decoder_.start(now);
+        if (e.request == kComprStop)
+            decoder_.stop(emutv::platform().compr().bytes_written);
+    }
+}
+
+void Session::summary() {
+    std::lock_guard<std::mutex> g(mu_);
+    printf("summary: scenario %s, virtual time %s ms, %zu library calls, %zu unexpected\n", sc_.file.c_str(),
+           format_ms(now_.load()).c_str(), calls_, mismatches_);
+    printf("summary: driver requests %zu\n", total_requests_);
+    for (const auto& kv : requests_)
+        printf("summary:   %-34s %zu\n", kv.first.c_str(), kv.second);
+    printf("summary: frames pushed %zu, accepted %zu, shown %zu, null frames %zu\n", frames_pushed_,
+           frames_ok_, frames_shown_, null_frames_);
+    printf(
+        "summary: plane programmed %zu times, hides requested %zu, video muted %zu times, unmuted %zu "
+        "times\n",
+        setplanes_, hide_requests_, mutes_, unmutes_);
+    printf("summary: source changes %zu", source_changes_.size());
+    for (size_t i = 0; i < source_changes_.size(); ++i)
+        printf("%s%s", i ? ", " : ": ", source_changes_[i].c_str());
+    printf("\n");
+    printf("summary: audio frames pushed %" PRIu64 " (%zu blocks, %zu bytes), back-pressure answers %zu\n",
+           audio_frames_, audio_blocks_, audio_bytes_, backpressure_);
+    if (delays_.empty()) {
+        printf("summary: delays reported 0\n");
+    } else {
+        uint32_t mn = UINT32_MAX, mx = 0;
+        for (const auto& d : delays_) {
+            mn = std::min(mn, d.frames_delay);
+            mx = std::max(mx, d.frames_delay);
+        }
+        printf("summary: delays reported %zu, frames_delay min %u max %u last %u\n", delays_.size(), mn, mx,
+               delays_.back().frames_delay);
+    }
+    if (video_)
+        printf("summary: the video output is still open at the end\n");
+    if (audio_)
+        printf("summary: the audio output is still open at the end\n");
+}
+
+bool Session::write_svg() {
+    std::string path = opt_.svg;
+    if (path.empty()) {
+        std::string base = sc_.file.substr(
+            sc_.file.find_last_of('/') == std::string::npos ? 0 : sc_.file.find_last_of('/') + 1);
+        if (base.size() > 4 && base.compare(base.size() - 4, 4, ".scn") == 0)
+            base.resize(base.size() - 4);
+        path = base + ".svg";
+    }
+    SessionPicture pic;
+    pic.title = sc_.file;
+    pic.panel_w = panel_w_ > 0 ? panel_w_ : 1920;
+    pic.panel_h = panel_h_ > 0 ? panel_h_ : 1080;
+    pic.end_us = now_.load();
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        pic.snapshots = moments_;
+        pic.delays = delays_;
+    }
+    std::ofstream f(path, std::ios::binary | std::ios::trunc);
+    f << render_svg(pic);
+    f.close();
+    if (!f) {
+        fprintf(stderr, "%s: cannot write the picture\n", path.c_str());
+        return false;
+    }
+    printf("picture: %s (%zu plane moments, %zu delay samples)\n", path.c_str(), pic.snapshots.size(),
+           pic.delays.size());
+    return true;
+}
+
+int Session::run() {
+    auto& tv = emutv::platform();
+    tv.reset();
+    tv.set_recording(false);
+    unsetenv("TA_DTV_PRELOAD");
+    tv.set_listener([this](const emutv::Event& e) { on_event(e); });
+
+    std::vector<TrackRun> tracks(sc_.tracks.size());
+    for (const Command& c : sc_.commands)
+        if (c.cmd != Cmd::Track)
+            tracks[static_cast<size_t>(c.track)].lines.push_back(&c);
+
+    for (;;) {
+        TrackRun* next = nullptr;
+        for (auto& t : tracks)
+            if (t.pc < t.lines.size() && (!next || t.due < next->due))
+                next = &t;
+        if (!next)
+            break;
+        now_.store(std::max(now_.load(), next->due));
+        run_line_step(*next);
+    }
+    fflush(stdout);
+    tv.set_listener(nullptr);
+    decoder_.advance(now_.load());
+    summary();
+    bool pic_ok = !opt_.write_svg || write_svg();
+    printf("summary: %s\n", mismatches_ == 0 && pic_ok ? "OK" : "FAILED");
+    fflush(stdout);
+    return mismatches_ == 0 && pic_ok ? kExitOk : kExitMismatch;
+}
+
+}  // namespace
+
+int run_scenario(const Scenario& scenario, const PlayerOptions& options) {
+    Session s(scenario, options);
+    return s.run();
+}
+
+const char* player_usage() {
+    return R"(Usage: tv-session-player [OPTIONS] SCENARIO.scn
+
+Plays a TV session described by a scenario file against the AV sink library on the
+emulated TV platform, in virtual time. Prints, in order of happening:
+  call: t=MS FILE:LINE function(arguments)      a library call about to be made
+  ... the library's own lines ...
+  trace: t=MS #N <device> <path> <request> <decoded fields> -> <result>
+                                                 every driver request, as decoded
+  result: t=MS function -> RESULT [values]       what the call returned
+  platform: / env:                               platform events and environment
+  summary: ...                                   requests per kind, frames shown,
+                                                 hides, source changes, audio frames
+                                                 pushed, delays reported
+and draws the session as an SVG picture: the panel at each moment the video plane
+was programmed, muted, unmuted or re-sourced (the rectangle from the SETPLANE
+request, scaled to the panel), the plane state and input source along the time
+axis, and the audio delay (frames_delay) beneath.
+
+Options:
+  --svg FILE     write the picture to FILE (default: SCENARIO's name with .svg,
+                 in the current directory)
+  --no-svg       write no picture
+  --no-trace     leave out the trace: lines
+  --quiet        leave out the call:, result:, platform: and env: lines
+                 (a call with an unexpected result is still reported)
+  --check        check the scenario only; make no library call
+  -h, --help     this text and the scenario grammar
+
+Exit status: 0 every call returned its expected result; 1 a call returned
+something else, was skipped (no handle open) or the picture could not be
+written; 2 bad command line or bad scenario (reported as FILE:LINE: message
+before any library call; nothing is written then).
+
+The library's broadcast switch mutes audio on a thread of its own; the player
+waits for that thread to end before it goes on, so the output keeps its order.
+)";
+}
+
+int player_main(int argc, char** argv) {
+    if (!getenv("EMUTV_SANDBOX_DIR")) {
+        const char* tmp = getenv("TMPDIR");
+        setenv("EMUTV_SANDBOX_DIR", tmp && *tmp ? tmp : "/tmp", 1);
+    }
+    PlayerOptions opt;
+    bool check_only = false;
+    for (int i = 1; i < argc; ++i) {
+        std::string a = argv[i];
+        if (a == "-h" || a == "--help") {
+            printf("%s\n%s", player_usage(), scenario_help());
+            return kExitOk;
+        } else if (a == "--svg") {
+            if (i + 1 >= argc) {
+                fprintf(stderr, "tv-session-player: --svg: expected a file name\n");
+                return kExitUsage;
+            }
+            opt.svg = argv[++i];
+        } else if (a.compare(0, 6, "--svg=") == 0) {
+            opt.svg = a.substr(6);
+            if (opt.svg.empty()) {
+                fprintf(stderr, "tv-session-player: --svg: expected a file name\n");
+                return kExitUsage;
+            }
+        } else if (a == "--no-svg") {
+            opt.write_svg = false;
+        } else if (a == "--no-trace") {
+            opt.trace = false;
+        } else if (a == "--quiet") {
+            opt.calls = false;
+        } else if (a == "--check") {
+            check_only = true;
+        } else if (!a.empty() && a[0] == '-') {
+            fprintf(stderr, "tv-session-player: unknown option '%s' (see --help)\n", a.c_str());
+            return kExitUsage;
+        } else if (opt.scenario.empty()) {
+            opt.scenario = a;
+        } else {
+            fprintf(stderr, "tv-session-player: expected one scenario file, got '%s' too\n", a.c_str());
+            return kExitUsage;
+        }
+    }
+    if (opt.scenario.empty()) {
+        fprintf(stderr, "tv-session-player: expected a scenario file (see --help)\n");
+        return kExitUsage;
+    }
+    Scenario sc;
+    std::string error;
+    if (!load_scenario(opt.scenario, &sc, &error)) {
+        fprintf(stderr, "%s\n", error.c_str());
+        return kExitUsage;
+    }
+    if (check_only) {
+        size_t n = 0;
+        for (const Command& c : sc.commands)
+            n += c.cmd != Cmd::Track;
+        printf("%s: %zu commands in %zu tracks\n", opt.scenario.c_str(), n, sc.tracks.size());
+        return kExitOk;
+    }
+    return run_scenario(sc, opt);
+}
+
+}  // namespace tvsp
