@@ -1,6 +1,7 @@
 // Hand-back to broadcast video at the end of an advertising break, on a main-plane handle.
 #include <dirent.h>
 #include <stdlib.h>
+#include <linux/videodev2.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -155,7 +156,10 @@ TEST_F(BroadcastHandback, hidden_plane_mutes_audio_only_and_puts_the_broadcast_f
     EXPECT_EQ(ctrl[0].field("count"), 1);
     EXPECT_EQ(ctrl[0].field("id"), 0x00A20014);
     EXPECT_EQ(ctrl[0].field("size"), 576);
-    EXPECT_EQ(ctrl[0].request, 0xC0185647ul);
+    EXPECT_EQ(ctrl[0].request, static_cast<unsigned long>(VIDIOC_G_EXT_CTRLS));
+#if defined(__arm__)
+    EXPECT_EQ(ctrl[0].request, 0xC0185647ul);  // _IOWR('V', 71, 24) on the television
+#endif
 
     auto source = tv().events("DRM_IOCTL_SDP_SET_DP_SOURCE");
     ASSERT_EQ(source.size(), 1u);
@@ -271,7 +275,7 @@ TEST_F(BroadcastHandback, failed_frame_request_leaves_the_decoder_descriptor_ope
     EXPECT_EQ(printed[printed.size() - 2],
               vline("GetDTV_DRM_Info", "V4L2_CID_GET_DISPLAY_FRAME_INFO failed: errno(22)"));
     EXPECT_EQ(emutv::process_open_descriptors(), fds_before + 1);
-    EXPECT_EQ(tv().events("close").size(), 0u);
+    for (const auto& e : tv().events("close")) EXPECT_NE(e.device, Device::Decoder);
     EXPECT_STREQ(getenv("TA_DTV_PRELOAD"), "1");
 }
 
