@@ -1,0 +1,196 @@
+// Allocation failures inside the renderer's init. This program replaces calloc with a
+// wrapper around the C library's own that can, on the thread that armed it, fail one
+// chosen call or hand out uninitialised (dirty) memory for it. The call to trap is found
+// in a reference run of init: the ordinal of the calloc that returned the display record,
+// the window, or a proxy of the window.
+#include <string.h>
+
+#include "wayland_fixture.h"
+
+extern "C" {
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_malloc(size_t size);
+}
+
+namespace {
+
+enum class Trap { None, Fail, Dirty };
+
+thread_local bool t_armed = false;
+thread_local unsigned t_count = 0;
+thread_local unsigned t_trap_at = 0;
+thread_local Trap t_trap = Trap::None;
+
+// What the armed thread got from calloc, in order (written by that thread only).
+void* g_returned[16384];
+unsigned g_returned_n = 0;
+
+void arm(Trap trap = Trap::None, unsigned at = 0) {
+    g_returned_n = 0;
+    t_count = 0;
+    t_trap = trap;
+    t_trap_at = at;
+    t_armed = true;
+}
+
+void disarm() {
+    t_armed = false;
+}
+
+// 1-based ordinal of the armed calloc that returned `p` (the last one: memory freed
+// earlier may have come back from calloc at the same address), 0 if none did.
+unsigned ordinal_of(const void* p) {
+    for (unsigned i = g_returned_n; i > 0; i--)
+        if (g_returned[i - 1] == p)
+            return i;
+    return 0;
+}
+
+}  // namespace
+
+extern "C" void* calloc(size_t count, size_t size) {
+    if (!t_armed)
+        return __libc_calloc(count, size);
+    unsigned index = ++t_count;
+    void* p;
+    if (index == t_trap_at && t_trap == Trap::Fail) {
+        p = nullptr;
+    } else if (index == t_trap_at && t_trap == Trap::Dirty) {
+        p = __libc_malloc(count * size);
+        if (p)
+            memset(p, 0xa5, count * size);
+    } else {
+        p = __libc_calloc(count, size);
+    }
+    if (g_returned_n < sizeof(g_returned) / sizeof(g_returned[0]))
+        g_returned[g_returned_n++] = p;
+    return p;
+}
+
+namespace ruvo_test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::ExitedWithCode;
+
+struct Ordinals {
+    unsigned display = 0;
+    unsigned window = 0;
+    unsigned xdg_surface = 0;
+    unsigned xdg_toplevel = 0;
+};
+
+// One init and deinit against a compositor like `cfg`, counting the callocs of init.
+Ordinals reference_run(const CompositorConfig& cfg, st_wayland_render_config* config) {
+    Ordinals o;
+    TestCompositor comp(cfg);
+    comp.start();
+    arm();
+    window* w = wayland_render_init(config);
+    disarm();
+    if (w == nullptr)
+        return o;
+    o.display = ordinal_of(w->display);
+    o.window = ordinal_of(w);
+    o.xdg_surface = ordinal_of(w->xdg_surface);
+    o.xdg_toplevel = ordinal_of(w->xdg_toplevel);
+    wayland_render_deinit(w);
+    comp.stop();
+    return o;
+}
+
+class AllocDeathTest : public RendererDeathTest {
+  protected:
+    void SetUp() override {
+        RendererDeathTest::SetUp();
+        cfg_ = config_in_base();
+        o_ = reference_run(cfg_, &config_);
+        ASSERT_NE(o_.display, 0u);
+        ASSERT_GT(o_.window, o_.display);
+        ASSERT_GT(o_.xdg_surface, o_.window);
+        ASSERT_GT(o_.xdg_toplevel, o_.xdg_surface);
+    }
+    CompositorConfig cfg_;
+    Ordinals o_;
+};
+
+TEST_F(AllocDeathTest, NoMemoryForTheDisplayRecordEndsTheProcess) {
+    EXPECT_EXIT(
+        {
+            stdout_into_stderr();
+            TestCompositor comp(cfg_);
+            comp.start();
+            arm(Trap::Fail, o_.display);
+            wayland_render_init(&config_);
+        },
+        ExitedWithCode(1), "^" + vline_re("wayland_render_init", "in") + escape_re("out of memory\n") + "$");
+}
+
+TEST_F(AllocDeathTest, NoXdgSurfaceIsAFatalAssertion) {
+    EXPECT_DEATH(
+        {
+            stdout_into_stderr();
+            TestCompositor comp(cfg_);
+            comp.start();
+            arm(Trap::Fail, o_.xdg_surface);
+            wayland_render_init(&config_);
+        },
+        "^" + vline_re("wayland_render_init", "in") + assertion_end_re("window->xdg_surface"));
+}
+
+TEST_F(AllocDeathTest, NoXdgToplevelIsAFatalAssertion) {
+    EXPECT_DEATH(
+        {
+            stdout_into_stderr();
+            TestCompositor comp(cfg_);
+            comp.start();
+            arm(Trap::Fail, o_.xdg_toplevel);
+            wayland_render_init(&config_);
+        },
+        "^" + vline_re("wayland_render_init", "in") + assertion_end_re("window->xdg_toplevel"));
+}
+
+TEST_F(AllocDeathTest, SlotAlreadyHoldingABufferIsAFatalAssertion) {
+    // A window that does not come zeroed: its first slot seems to hold a buffer.
+    EXPECT_DEATH(
+        {
+            stdout_into_stderr();
+            TestCompositor comp(cfg_);
+            comp.start();
+            arm(Trap::Dirty, o_.window);
+            wayland_render_init(&config_);
+        },
+        "^" + vline_re("wayland_render_init", "in") + assertion_end_re("!buffer->buffer"));
+}
+
+class AllocTest : public RendererTest {};
+
+TEST_F(AllocTest, NoMemoryForTheWindowReportsItAndLeavesTheConnectionOpen) {
+    CompositorConfig cfg;
+    Ordinals o = reference_run(cfg, &config_);
+    ASSERT_GT(o.window, o.display);
+    start(cfg);
+    lines();
+
+    arm(Trap::Fail, o.window);
+    window* w = wayland_render_init(&config_);
+    disarm();
+
+    EXPECT_EQ(w, nullptr);
+    EXPECT_THAT(lines(), ElementsAre(vline("wayland_render_init", "in"),
+                                     vline("create_window", "create window failed.")));
+    EXPECT_EQ(comp().clients(), 1);
+    EXPECT_EQ(comp().requests(), (std::vector<std::string>{
+                                     "display.get_registry()",
+                                     "display.sync()",
+                                     "registry.bind(\"wl_compositor\", 1)",
+                                     "registry.bind(\"wp_viewporter\", 1)",
+                                     "registry.bind(\"wl_seat\", 1)",
+                                     "registry.bind(\"xdg_wm_base\", 1)",
+                                     "registry.bind(\"zwp_linux_dmabuf_v1\", 3)",
+                                     "display.sync()",
+                                 }));
+}
+
+}  // namespace
+}  // namespace ruvo_test
