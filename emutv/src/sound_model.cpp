@@ -55,8 +55,8 @@ class AlsaConfiguration {
             }
             out << line << '\n';
         }
-        const char* tmp = getenv("TMPDIR");
-        path_ = std::string(tmp && *tmp ? tmp : "/tmp") + "/emutv-alsa." + std::to_string(getpid()) + ".conf";
+        // Beside the sandbox (which reset() empties), never in the machine's /tmp.
+        path_ = detail::core().sandbox + ".alsa.conf";
         std::ofstream(path_, std::ios::trunc) << out.str();
         setenv("ALSA_CONFIG_PATH", path_.c_str(), 1);
     }
