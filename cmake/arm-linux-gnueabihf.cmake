@@ -17,4 +17,6 @@ set(ENV{PKG_CONFIG_LIBDIR} "/usr/lib/arm-linux-gnueabihf/pkgconfig:/usr/share/pk
 set(ENV{PKG_CONFIG_SYSROOT_DIR} "")
 
 # Tests and tools run under user-mode emulation.
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L /usr/arm-linux-gnueabihf)
+# The armhf C library comes from Debian multiarch (libc6:armhf, with its own loader in
+# /lib), so qemu-arm needs no sysroot prefix.
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm)
