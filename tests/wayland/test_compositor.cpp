@@ -156,6 +156,7 @@ const char* short_name(const char* iface) {
         {"wl_pointer", "pointer"},
         {"wl_keyboard", "keyboard"},
         {"wl_touch", "touch"},
+        {"wl_output", "output"},
         {"wp_viewporter", "viewporter"},
         {"wp_viewport", "viewport"},
         {"xdg_wm_base", "wm_base"},
@@ -743,6 +744,8 @@ void TestCompositor::start() {
         add_global("zwp_linux_dmabuf_v1", &zwp_linux_dmabuf_v1_interface, cfg.dmabuf_version);
     if (cfg.direct_display)
         add_global("weston_direct_display_v1", &weston_direct_display_v1_interface, 1);
+    if (cfg.output)
+        add_global("wl_output", &wl_output_interface, 3);
 
     c.listen_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (c.listen_fd < 0 || bind(c.listen_fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||

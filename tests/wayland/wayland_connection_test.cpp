@@ -1,5 +1,7 @@
 // The renderer's connection: globals bound at their versions, the NV12 check through
 // modifier events, pings, and the process-ending failures.
+#include <stddef.h>
+
 #include "wayland_fixture.h"
 
 namespace ruvo_test {
@@ -7,6 +9,76 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::ExitedWithCode;
+
+// The records are read by integrators and tests: their fields stay in this order.
+static_assert(offsetof(struct display, display) < offsetof(struct display, registry),
+              "struct display: display before registry");
+static_assert(offsetof(struct display, registry) < offsetof(struct display, compositor),
+              "struct display: registry before compositor");
+static_assert(offsetof(struct display, compositor) < offsetof(struct display, viewporter),
+              "struct display: compositor before viewporter");
+static_assert(offsetof(struct display, viewporter) < offsetof(struct display, seat),
+              "struct display: viewporter before seat");
+static_assert(offsetof(struct display, seat) < offsetof(struct display, keyboard),
+              "struct display: seat before keyboard");
+static_assert(offsetof(struct display, keyboard) < offsetof(struct display, wm_base),
+              "struct display: keyboard before wm_base");
+static_assert(offsetof(struct display, wm_base) < offsetof(struct display, fshell),
+              "struct display: wm_base before fshell");
+static_assert(offsetof(struct display, fshell) < offsetof(struct display, dmabuf),
+              "struct display: fshell before dmabuf");
+static_assert(offsetof(struct display, dmabuf) < offsetof(struct display, direct_display),
+              "struct display: dmabuf before direct_display");
+static_assert(offsetof(struct display, direct_display) < offsetof(struct display, requested_format_found),
+              "struct display: direct_display before requested_format_found");
+static_assert(offsetof(struct display, requested_format_found) < offsetof(struct display, opts),
+              "struct display: requested_format_found before opts");
+static_assert(offsetof(struct display, opts) < offsetof(struct display, v4l_fd),
+              "struct display: opts before v4l_fd");
+static_assert(offsetof(struct display, v4l_fd) < offsetof(struct display, format),
+              "struct display: v4l_fd before format");
+static_assert(offsetof(struct display, format) < offsetof(struct display, drm_format),
+              "struct display: format before drm_format");
+static_assert(offsetof(buffer_format, width) < offsetof(buffer_format, height),
+              "buffer_format: width before height");
+static_assert(offsetof(buffer_format, height) < offsetof(buffer_format, type),
+              "buffer_format: height before type");
+static_assert(offsetof(buffer_format, type) < offsetof(buffer_format, format),
+              "buffer_format: type before format");
+static_assert(offsetof(buffer_format, format) < offsetof(buffer_format, num_planes),
+              "buffer_format: format before num_planes");
+static_assert(offsetof(buffer_format, num_planes) < offsetof(buffer_format, strides),
+              "buffer_format: num_planes before strides");
+static_assert(offsetof(buffer, buffer) < offsetof(buffer, display), "buffer: buffer before display");
+static_assert(offsetof(buffer, display) < offsetof(buffer, busy), "buffer: display before busy");
+static_assert(offsetof(buffer, busy) < offsetof(buffer, index), "buffer: busy before index");
+static_assert(offsetof(buffer, index) < offsetof(buffer, dmabuf_fds), "buffer: index before dmabuf_fds");
+static_assert(offsetof(buffer, dmabuf_fds) < offsetof(buffer, data_offsets),
+              "buffer: dmabuf_fds before data_offsets");
+static_assert(offsetof(window, display) < offsetof(window, surface), "window: display before surface");
+static_assert(offsetof(window, surface) < offsetof(window, viewport), "window: surface before viewport");
+static_assert(offsetof(window, viewport) < offsetof(window, xdg_surface),
+              "window: viewport before xdg_surface");
+static_assert(offsetof(window, xdg_surface) < offsetof(window, xdg_toplevel),
+              "window: xdg_surface before xdg_toplevel");
+static_assert(offsetof(window, xdg_toplevel) < offsetof(window, buffers),
+              "window: xdg_toplevel before buffers");
+static_assert(offsetof(window, buffers) < offsetof(window, callback), "window: buffers before callback");
+static_assert(offsetof(window, callback) < offsetof(window, render_config),
+              "window: callback before render_config");
+static_assert(offsetof(window, render_config) < offsetof(window, wait_for_configure),
+              "window: render_config before wait_for_configure");
+static_assert(offsetof(window, wait_for_configure) < offsetof(window, initialized),
+              "window: wait_for_configure before initialized");
+static_assert(offsetof(window, initialized) < offsetof(window, need_re_create_cnt),
+              "window: initialized before need_re_create_cnt");
+static_assert(offsetof(st_wayland_render_config, width) < offsetof(st_wayland_render_config, height),
+              "st_wayland_render_config: width before height");
+static_assert(offsetof(st_wayland_render_config, height) < offsetof(st_wayland_render_config, dma_fd),
+              "st_wayland_render_config: height before dma_fd");
+static_assert(offsetof(st_wayland_render_config, dma_fd) < offsetof(st_wayland_render_config, strides),
+              "st_wayland_render_config: dma_fd before strides");
+static_assert(sizeof(st_wayland_render_config) == 40, "the configuration is 40 bytes on both ABIs");
 
 using ConnectionTest = RendererTest;
 using ConnectionDeathTest = RendererDeathTest;
@@ -114,6 +186,29 @@ TEST_F(ConnectionTest, CompositorWithoutSeatDirectDisplayOrFullscreenShellIsAcce
     EXPECT_TRUE(w->initialized);
     EXPECT_THAT(lines(),
                 ElementsAre(vline("wayland_render_init", "in"), vline("wayland_render_init", "out")));
+    wayland_render_deinit(w);
+}
+
+TEST_F(ConnectionTest, GlobalsTheRendererHasNoUseForAreNotBound) {
+    CompositorConfig cfg;
+    cfg.output = true;
+    start(cfg);
+    window* w = wayland_render_init(&config_);
+    ASSERT_NE(w, nullptr);
+
+    auto requests = comp().requests();
+    ASSERT_GE(requests.size(), 8u);
+    EXPECT_EQ(std::vector<std::string>(requests.begin(), requests.begin() + 8),
+              (std::vector<std::string>{
+                  "display.get_registry()",
+                  "display.sync()",
+                  "registry.bind(\"wl_compositor\", 1)",
+                  "registry.bind(\"wp_viewporter\", 1)",
+                  "registry.bind(\"wl_seat\", 1)",
+                  "registry.bind(\"xdg_wm_base\", 1)",
+                  "registry.bind(\"zwp_linux_dmabuf_v1\", 3)",
+                  "display.sync()",
+              }));
     wayland_render_deinit(w);
 }
 
