@@ -7,6 +7,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <map>
 #include <string>
 #include <vector>
@@ -150,26 +151,38 @@ void pts_bare(benchmark::State& state) {
     }
 }
 
-// Each bare run comes right before its library run, so that drift of the machine hits
-// both alike.
-constexpr int kRepetitions = 7;
-BENCHMARK(push_frame_bare)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
-BENCHMARK(push_frame_library)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
-BENCHMARK(vsync_bare)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
-BENCHMARK(vsync_library)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
-BENCHMARK(pts_bare)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
-BENCHMARK(pts_library)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
+// Bare and library runs of a pair alternate, several rounds of each, so that the drift
+// of a shared machine hits both alike; the ratios use the medians over the rounds.
+constexpr int kRounds = 7;
 
-// Keeps the median real and CPU time of every benchmark beside the usual console output.
+void register_benchmarks() {
+    struct Pair {
+        const char* bare_name;
+        void (*bare)(benchmark::State&);
+        const char* library_name;
+        void (*library)(benchmark::State&);
+    };
+    const Pair pairs[] = {{"push_frame_bare", push_frame_bare, "push_frame_library", push_frame_library},
+                          {"vsync_bare", vsync_bare, "vsync_library", vsync_library},
+                          {"pts_bare", pts_bare, "pts_library", pts_library}};
+    for (const Pair& p : pairs) {
+        for (int round = 0; round < kRounds; ++round) {
+            benchmark::RegisterBenchmark(p.bare_name, p.bare);
+            benchmark::RegisterBenchmark(p.library_name, p.library);
+        }
+    }
+}
+
+// Collects real and CPU time of every run beside the usual console output.
 class RatioReporter : public benchmark::ConsoleReporter {
   public:
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) {
-            const std::string name = run.run_name.function_name;
-            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-            const bool single = run.run_type == Run::RT_Iteration && times_.count(name) == 0;
-            if (median || single)
-                times_[name] = Times{run.GetAdjustedRealTime(), run.GetAdjustedCPUTime()};
+            if (run.run_type != Run::RT_Iteration)
+                continue;
+            Samples& s = samples_[run.run_name.function_name];
+            s.real.push_back(run.GetAdjustedRealTime());
+            s.cpu.push_back(run.GetAdjustedCPUTime());
         }
         ConsoleReporter::ReportRuns(runs);
     }
@@ -179,24 +192,31 @@ class RatioReporter : public benchmark::ConsoleReporter {
                                         {"get_vsync_info", "vsync_library", "vsync_bare"},
                                         {"set_pts", "pts_library", "pts_bare"}};
         for (const auto& p : pairs) {
-            auto lib = times_.find(p[1]);
-            auto bare = times_.find(p[2]);
-            if (lib == times_.end() || bare == times_.end() || bare->second.real <= 0 ||
-                bare->second.cpu <= 0)
+            auto lib = samples_.find(p[1]);
+            auto bare = samples_.find(p[2]);
+            if (lib == samples_.end() || bare == samples_.end())
                 continue;
-            const double real = lib->second.real / bare->second.real;
-            const double cpu = lib->second.cpu / bare->second.cpu;
-            printf("  %-22s %8.1f / %8.1f = %.3f     %8.1f / %8.1f = %.3f\n", p[0], lib->second.real,
-                   bare->second.real, real, lib->second.cpu, bare->second.cpu, cpu);
+            const double lib_real = median(lib->second.real), bare_real = median(bare->second.real);
+            const double lib_cpu = median(lib->second.cpu), bare_cpu = median(bare->second.cpu);
+            if (bare_real <= 0 || bare_cpu <= 0)
+                continue;
+            printf("  %-22s %8.1f / %8.1f = %.3f     %8.1f / %8.1f = %.3f\n", p[0], lib_real, bare_real,
+                   lib_real / bare_real, lib_cpu, bare_cpu, lib_cpu / bare_cpu);
         }
     }
 
   private:
-    struct Times {
-        double real;
-        double cpu;
+    struct Samples {
+        std::vector<double> real;
+        std::vector<double> cpu;
     };
-    std::map<std::string, Times> times_;
+    static double median(std::vector<double> v) {
+        if (v.empty())
+            return 0;
+        std::sort(v.begin(), v.end());
+        return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
+    }
+    std::map<std::string, Samples> samples_;
 };
 
 }  // namespace
@@ -210,6 +230,7 @@ int main(int argc, char** argv) {
         end_session();
         return 1;
     }
+    register_benchmarks();
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     reporter.print_ratios();

@@ -97,6 +97,19 @@ TEST_F(FirstFrame, places_the_plane_when_the_browser_set_a_rectangle_before) {
     expect_playback_flag_sent_once();
 }
 
+TEST_F(FirstFrame, without_a_rectangle_the_plane_is_placed_by_a_later_rectangle) {
+    TestFrame f(1920, 1080);
+    ASSERT_EQ(quarvel_video_output_init_with_first_frame(out_, f.get()), 0);
+    EXPECT_EQ(tv().count("DRM_IOCTL_MODE_SETPLANE"), 0u);
+    tv().clear_events();
+    const auto r = rect(0, 0, 960, 540);
+    EXPECT_EQ(quarvel_video_output_set_rect(out_, &r), 0);
+    auto ev = tv().events();
+    ASSERT_EQ(ev.size(), 2u);
+    EXPECT_EQ(ev[0].in, bytes_of(plane_record(r, 1920, 1080)));
+    EXPECT_EQ(ev[1].in, bytes_of(mute_record(false)));
+}
+
 TEST_F(FirstFrame, a_second_call_does_nothing) {
     TestFrame f(1920, 1080, 3, 5);
     ASSERT_EQ(quarvel_video_output_init_with_first_frame(out_, f.get()), 0);

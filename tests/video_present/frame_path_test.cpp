@@ -165,6 +165,24 @@ TEST_F(FramePath, failing_placement_returns_minus_4_with_the_new_size_and_the_ne
     EXPECT_EQ(out_->m_rect_applied_to_driver.dar_w, 1280u);
 }
 
+TEST_F(FramePath,
+       failing_unmute_of_the_first_placement_returns_minus_4_and_the_next_frame_sends_only_its_source) {
+    const auto r = rect(100, 50, 1280, 720);
+    ASSERT_EQ(quarvel_video_output_set_rect(out_, &r), 0);
+    (void)lines();
+    TestFrame f(1920, 1080);
+    tv().fail("DRM_IOCTL_SDP_SET_ONOFF", EIO);
+    EXPECT_EQ(quarvel_video_output_push_frame_to_display(out_, f.get()), -4);
+    EXPECT_EQ(request_names(),
+              (std::vector<std::string>{"FR2IP_SetDispQueueSize", "DRM_IOCTL_SDP_SET_DP_SOURCE",
+                                        "DRM_IOCTL_MODE_SETPLANE", "DRM_IOCTL_SDP_SET_ONOFF"}));
+    // The placement was recorded before the unmute.
+    EXPECT_EQ(out_->m_rect_applied_to_driver.w, 1280u);
+    tv().clear_events();
+    EXPECT_EQ(quarvel_video_output_push_frame_to_display(out_, f.get()), 0);
+    EXPECT_EQ(request_names(), (std::vector<std::string>{"DRM_IOCTL_SDP_SET_DP_SOURCE"}));
+}
+
 TEST_F(FramePath, no_frame_while_shown_empties_the_content_and_mutes) {
     start();
     EXPECT_EQ(quarvel_video_output_push_frame_to_display(out_, nullptr), 0);

@@ -13,6 +13,8 @@ namespace {
 class ZeroQueueStress : public ruvo_test::PlatformTest {};
 
 TEST_F(ZeroQueueStress, eight_threads_of_a_thousand_handle_cycles_end_with_count_0_and_size_3) {
+    if (!host_runs_threads())
+        GTEST_SKIP() << "threads crash on this host (emulator with a mismatched C library)";
     constexpr int kThreads = 8;
     constexpr int kCycles = 1000;
     g_ruvo_logmask = RUVO_LOG_ERR;

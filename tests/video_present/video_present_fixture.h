@@ -6,6 +6,10 @@
 #include <drm_mode.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <thread>
 
 #include <regex>
 #include <string>
@@ -101,6 +105,47 @@ std::vector<std::string> concat(std::vector<std::string> a, const V&... rest) {
     (a.insert(a.end(), rest.begin(), rest.end()), ...);
     return a;
 }
+
+// Whether a forked child of this process runs and ends normally, and whether it can run
+// a thread. A user-mode emulator that pairs the target's dynamic loader with a C library
+// of another build crashes both; death tests and threaded tests cannot run there.
+inline bool child_process_runs(bool with_thread) {
+    fflush(stdout);
+    fflush(stderr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (with_thread) {
+            int ran = 0;
+            std::thread t([&ran]() { ran = 1; });
+            t.join();
+            _exit(ran == 1 ? 0 : 1);
+        }
+        _exit(0);
+    }
+    if (pid < 0)
+        return false;
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid)
+        return false;
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+inline bool host_runs_forked_children() {
+    static const bool works = child_process_runs(false);
+    return works;
+}
+
+inline bool host_runs_threads() {
+    static const bool works = host_runs_forked_children() && child_process_runs(true);
+    return works;
+}
+
+#define RUVO_SKIP_UNLESS_FORK_WORKS()                                                         \
+    do {                                                                                      \
+        if (!video_present::host_runs_forked_children())                                      \
+            GTEST_SKIP() << "forked children crash on this host (emulator with a mismatched " \
+                            "C library); the death test cannot run";                          \
+    } while (0)
 
 // An opened video handle with an empty record and no printed lines.
 class VideoHandleTest : public ruvo_test::PlatformTest {
