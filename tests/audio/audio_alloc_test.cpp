@@ -1,119 +1,16 @@
-// The steady-state cost of the data path: requests per call and heap allocations. This
-// program replaces the allocator (malloc family and the global operator new/delete) with
-// counting wrappers around the C library's own allocator. Allocations made inside the
-// emulated platform (its record) are not the library's and are not counted.
+// The steady-state cost of the data path: requests per call and heap allocations, counted
+// by the replaced allocator of this program (allocations inside the emulated platform, its
+// record, are not the library's and are not counted).
 #include <errno.h>
 #include <malloc.h>
 #include <stdlib.h>
 
 #include <new>
 
+#include "alloc_counter.h"
 #include "audio_fixture.h"
 
-extern "C" {
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* ptr, size_t size);
-void* __libc_memalign(size_t alignment, size_t size);
-void __libc_free(void* ptr);
-}
-
-namespace {
-
-thread_local bool t_counting = false;
-thread_local size_t t_allocations = 0;
-
-inline void count_allocation() {
-    if (t_counting && !emutv::inside_emulator())
-        t_allocations++;
-}
-
-// Counts the allocations the calling thread makes between start() and stop().
-class AllocationCounter {
-  public:
-    void start() {
-        t_allocations = 0;
-        t_counting = true;
-    }
-    size_t stop() {
-        t_counting = false;
-        return t_allocations;
-    }
-};
-
-}  // namespace
-
-extern "C" {
-
-void* malloc(size_t size) {
-    count_allocation();
-    return __libc_malloc(size);
-}
-
-void* calloc(size_t count, size_t size) {
-    count_allocation();
-    return __libc_calloc(count, size);
-}
-
-void* realloc(void* ptr, size_t size) {
-    count_allocation();
-    return __libc_realloc(ptr, size);
-}
-
-void* memalign(size_t alignment, size_t size) {
-    count_allocation();
-    return __libc_memalign(alignment, size);
-}
-
-void* aligned_alloc(size_t alignment, size_t size) {
-    count_allocation();
-    return __libc_memalign(alignment, size);
-}
-
-int posix_memalign(void** out, size_t alignment, size_t size) {
-    count_allocation();
-    void* p = __libc_memalign(alignment, size);
-    if (p == nullptr)
-        return ENOMEM;
-    *out = p;
-    return 0;
-}
-
-void free(void* ptr) {
-    __libc_free(ptr);
-}
-
-}  // extern "C"
-
-void* operator new(size_t size) {
-    count_allocation();
-    void* p = __libc_malloc(size ? size : 1);
-    if (p == nullptr)
-        throw std::bad_alloc();
-    return p;
-}
-
-void* operator new[](size_t size) {
-    count_allocation();
-    void* p = __libc_malloc(size ? size : 1);
-    if (p == nullptr)
-        throw std::bad_alloc();
-    return p;
-}
-
-void operator delete(void* ptr) noexcept {
-    __libc_free(ptr);
-}
-void operator delete[](void* ptr) noexcept {
-    __libc_free(ptr);
-}
-void operator delete(void* ptr, size_t) noexcept {
-    __libc_free(ptr);
-}
-void operator delete[](void* ptr, size_t) noexcept {
-    __libc_free(ptr);
-}
-
+using ruvo_test::AllocationCounter;
 using audio_test::AudioTest;
 
 class AudioCost : public AudioTest {

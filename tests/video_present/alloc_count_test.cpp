@@ -8,118 +8,22 @@
 #include <atomic>
 #include <new>
 
+#include "alloc_counter.h"
 #include "video_present_fixture.h"
-
-extern "C" {
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* ptr, size_t size);
-void* __libc_memalign(size_t alignment, size_t size);
-void __libc_free(void* ptr);
-}
-
-namespace {
-
-std::atomic<bool> g_counting{false};
-std::atomic<long> g_allocations{0};
-thread_local int t_in_counter = 0;
-
-void count_allocation() {
-    if (!g_counting.load(std::memory_order_relaxed) || t_in_counter != 0)
-        return;
-    t_in_counter = 1;
-    if (!emutv::inside_emulator())
-        g_allocations.fetch_add(1, std::memory_order_relaxed);
-    t_in_counter = 0;
-}
-
-void* checked(void* p) {
-    if (p == nullptr)
-        throw std::bad_alloc();
-    return p;
-}
-
-}  // namespace
-
-extern "C" {
-void* malloc(size_t size) {
-    count_allocation();
-    return __libc_malloc(size);
-}
-void* calloc(size_t count, size_t size) {
-    count_allocation();
-    return __libc_calloc(count, size);
-}
-void* realloc(void* ptr, size_t size) {
-    count_allocation();
-    return __libc_realloc(ptr, size);
-}
-void free(void* ptr) {
-    __libc_free(ptr);
-}
-void* memalign(size_t alignment, size_t size) {
-    count_allocation();
-    return __libc_memalign(alignment, size);
-}
-void* aligned_alloc(size_t alignment, size_t size) {
-    count_allocation();
-    return __libc_memalign(alignment, size);
-}
-int posix_memalign(void** out, size_t alignment, size_t size) {
-    count_allocation();
-    void* p = __libc_memalign(alignment, size);
-    if (p == nullptr)
-        return ENOMEM;
-    *out = p;
-    return 0;
-}
-}
-
-void* operator new(size_t size) {
-    count_allocation();
-    return checked(__libc_malloc(size ? size : 1));
-}
-void* operator new[](size_t size) {
-    count_allocation();
-    return checked(__libc_malloc(size ? size : 1));
-}
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    count_allocation();
-    return __libc_malloc(size ? size : 1);
-}
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-    count_allocation();
-    return __libc_malloc(size ? size : 1);
-}
-void operator delete(void* p) noexcept {
-    __libc_free(p);
-}
-void operator delete[](void* p) noexcept {
-    __libc_free(p);
-}
-void operator delete(void* p, size_t) noexcept {
-    __libc_free(p);
-}
-void operator delete[](void* p, size_t) noexcept {
-    __libc_free(p);
-}
 
 using namespace video_present;
 
 namespace {
 
-// Counts allocations made outside the emulator while alive.
+// Counts what the calling thread allocates outside the emulator while alive.
 class AllocationCount {
   public:
-    AllocationCount() {
-        g_allocations.store(0);
-        g_counting.store(true);
-    }
-    ~AllocationCount() { g_counting.store(false); }
-    long stop() {
-        g_counting.store(false);
-        return g_allocations.load();
-    }
+    AllocationCount() { counter_.start(); }
+    ~AllocationCount() { counter_.stop(); }
+    long stop() { return static_cast<long>(counter_.stop()); }
+
+  private:
+    ruvo_test::AllocationCounter counter_;
 };
 
 class SteadyState : public VideoHandleTest {
@@ -141,8 +45,9 @@ TEST_F(SteadyState, the_counter_sees_allocations_outside_the_emulator_only) {
     long seen;
     {
         AllocationCount count;
-        void* p = malloc(16);
-        int* q = new int(3);
+        // Kept through volatile, or the compiler may drop the pairs as dead.
+        void* volatile p = malloc(16);
+        int* volatile q = new int(3);
         delete q;
         free(p);
         seen = count.stop();

@@ -1,71 +1,12 @@
-// Allocation failures inside the renderer's init. This program replaces calloc with a
-// wrapper around the C library's own that can, on the thread that armed it, fail one
+// Allocation failures inside the renderer's init. The replaced allocator of this program
+// (alloc_counter.h) can, on the thread that armed it, fail one
 // chosen call or hand out uninitialised (dirty) memory for it. The call to trap is found
 // in a reference run of init: the ordinal of the calloc that returned the display record,
 // the window, or a proxy of the window.
 #include <string.h>
 
+#include "alloc_counter.h"
 #include "wayland_fixture.h"
-
-extern "C" {
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_malloc(size_t size);
-}
-
-namespace {
-
-enum class Trap { None, Fail, Dirty };
-
-thread_local bool t_armed = false;
-thread_local unsigned t_count = 0;
-thread_local unsigned t_trap_at = 0;
-thread_local Trap t_trap = Trap::None;
-
-// What the armed thread got from calloc, in order (written by that thread only).
-void* g_returned[16384];
-unsigned g_returned_n = 0;
-
-void arm(Trap trap = Trap::None, unsigned at = 0) {
-    g_returned_n = 0;
-    t_count = 0;
-    t_trap = trap;
-    t_trap_at = at;
-    t_armed = true;
-}
-
-void disarm() {
-    t_armed = false;
-}
-
-// 1-based ordinal of the armed calloc that returned `p` (the last one: memory freed
-// earlier may have come back from calloc at the same address), 0 if none did.
-unsigned ordinal_of(const void* p) {
-    for (unsigned i = g_returned_n; i > 0; i--)
-        if (g_returned[i - 1] == p)
-            return i;
-    return 0;
-}
-
-}  // namespace
-
-extern "C" void* calloc(size_t count, size_t size) {
-    if (!t_armed)
-        return __libc_calloc(count, size);
-    unsigned index = ++t_count;
-    void* p;
-    if (index == t_trap_at && t_trap == Trap::Fail) {
-        p = nullptr;
-    } else if (index == t_trap_at && t_trap == Trap::Dirty) {
-        p = __libc_malloc(count * size);
-        if (p)
-            memset(p, 0xa5, count * size);
-    } else {
-        p = __libc_calloc(count, size);
-    }
-    if (g_returned_n < sizeof(g_returned) / sizeof(g_returned[0]))
-        g_returned[g_returned_n++] = p;
-    return p;
-}
 
 namespace ruvo_test {
 namespace {
@@ -85,15 +26,15 @@ Ordinals reference_run(const CompositorConfig& cfg, st_wayland_render_config* co
     Ordinals o;
     TestCompositor comp(cfg);
     comp.start();
-    arm();
+    arm_calloc();
     window* w = wayland_render_init(config);
-    disarm();
+    disarm_calloc();
     if (w == nullptr)
         return o;
-    o.display = ordinal_of(w->display);
-    o.window = ordinal_of(w);
-    o.xdg_surface = ordinal_of(w->xdg_surface);
-    o.xdg_toplevel = ordinal_of(w->xdg_toplevel);
+    o.display = calloc_ordinal_of(w->display);
+    o.window = calloc_ordinal_of(w);
+    o.xdg_surface = calloc_ordinal_of(w->xdg_surface);
+    o.xdg_toplevel = calloc_ordinal_of(w->xdg_toplevel);
     wayland_render_deinit(w);
     comp.stop();
     return o;
@@ -120,7 +61,7 @@ TEST_F(AllocDeathTest, NoMemoryForTheDisplayRecordEndsTheProcess) {
             stdout_into_stderr();
             TestCompositor comp(cfg_);
             comp.start();
-            arm(Trap::Fail, o_.display);
+            arm_calloc(CallocTrap::Fail, o_.display);
             wayland_render_init(&config_);
         },
         ExitedWithCode(1), "^" + vline_re("wayland_render_init", "in") + escape_re("out of memory\n") + "$");
@@ -132,7 +73,7 @@ TEST_F(AllocDeathTest, NoXdgSurfaceIsAFatalAssertion) {
             stdout_into_stderr();
             TestCompositor comp(cfg_);
             comp.start();
-            arm(Trap::Fail, o_.xdg_surface);
+            arm_calloc(CallocTrap::Fail, o_.xdg_surface);
             wayland_render_init(&config_);
         },
         "^" + vline_re("wayland_render_init", "in") + assertion_end_re("window->xdg_surface"));
@@ -144,7 +85,7 @@ TEST_F(AllocDeathTest, NoXdgToplevelIsAFatalAssertion) {
             stdout_into_stderr();
             TestCompositor comp(cfg_);
             comp.start();
-            arm(Trap::Fail, o_.xdg_toplevel);
+            arm_calloc(CallocTrap::Fail, o_.xdg_toplevel);
             wayland_render_init(&config_);
         },
         "^" + vline_re("wayland_render_init", "in") + assertion_end_re("window->xdg_toplevel"));
@@ -157,7 +98,7 @@ TEST_F(AllocDeathTest, SlotAlreadyHoldingABufferIsAFatalAssertion) {
             stdout_into_stderr();
             TestCompositor comp(cfg_);
             comp.start();
-            arm(Trap::Dirty, o_.window);
+            arm_calloc(CallocTrap::Dirty, o_.window);
             wayland_render_init(&config_);
         },
         "^" + vline_re("wayland_render_init", "in") + assertion_end_re("!buffer->buffer"));
@@ -172,9 +113,9 @@ TEST_F(AllocTest, NoMemoryForTheWindowReportsItAndLeavesTheConnectionOpen) {
     start(cfg);
     lines();
 
-    arm(Trap::Fail, o.window);
+    arm_calloc(CallocTrap::Fail, o.window);
     window* w = wayland_render_init(&config_);
-    disarm();
+    disarm_calloc();
 
     EXPECT_EQ(w, nullptr);
     EXPECT_THAT(lines(), ElementsAre(vline("wayland_render_init", "in"),
