@@ -23,7 +23,7 @@ namespace {
 const char* const kMarkerFiles[] = {"/tmp/RUVO", "/mnt/RUVO"};
 
 // The third entry is relative to the working directory on purpose.
-const char* const kLogMountPoints[] = {"/media/sda1",   "/media/sda",   "media/sdb", "/mnt/usb/sda1",
+const char* const kLogMountPoints[] = {"/media/sda1",  "/media/sda",   "media/sdb", "/mnt/usb/sda1",
                                        "/mnt/usb/sda", "/mnt/usb/sdb", "/tmp"};
 
 char s_log_header[100];
@@ -46,7 +46,8 @@ void ruvo_interface_debug_init() {
     memset(buf, 0, sizeof(buf));
     for (const char* path : kMarkerFiles) {
         FILE* fp = fopen(path, "r");
-        if (fp == nullptr) continue;
+        if (fp == nullptr)
+            continue;
         size_t n = fread(buf, 1, 16, fp);
         if (n == 0) {
             fclose(fp);
@@ -65,7 +66,8 @@ void ruvo_interface_debug_init() {
 }
 
 void ruvo_dbg_enable() {
-    if (g_ruvo_logmask != RUVO_LOG_ALL) return;
+    if (g_ruvo_logmask != RUVO_LOG_ALL)
+        return;
 
     const char* found = nullptr;
     for (const char* path : kLogMountPoints) {
@@ -104,7 +106,8 @@ void ruvo_dbg_disable() {
 }
 
 void messageWrite2File(char* str, int /*len*/) {
-    if (gLogMsgFile == nullptr) return;
+    if (gLogMsgFile == nullptr)
+        return;
     struct timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
     time_t seconds = now.tv_sec;
@@ -117,4 +120,6 @@ void messageWrite2File(char* str, int /*len*/) {
     fputs(str, gLogMsgFile);
 }
 
-int DBG_ChkPrtLevel() { return 1; }
+int DBG_ChkPrtLevel() {
+    return 1;
+}

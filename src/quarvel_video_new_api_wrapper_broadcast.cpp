@@ -73,7 +73,8 @@ void quarvel_video_output_notify_ta_switch(quarvel_video_output_s* output) {
     if (output->m_is_ta) {
         pthread_attr_init(&attr);
         pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-        if (!start_audio_mute_thread(&attr)) QVL_ERR("audio_mute_thread creation failed!\n");
+        if (!start_audio_mute_thread(&attr))
+            QVL_ERR("audio_mute_thread creation failed!\n");
         wayland_render_set_geometry(static_cast<window*>(output->m_window), 0, 0, 0, 0);
         return;
     }
@@ -87,13 +88,15 @@ void quarvel_video_output_notify_ta_switch(quarvel_video_output_s* output) {
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     if (output->m_rect_applied_to_driver.w != 0 && output->m_rect_applied_to_driver.h != 0) {
         // The browser's video is on the plane: audio first, then the picture.
-        if (!start_audio_mute_thread(&attr)) QVL_ERR("audio_mute_thread creation failed!\n");
+        if (!start_audio_mute_thread(&attr))
+            QVL_ERR("audio_mute_thread creation failed!\n");
         if (!DRMSetUnmute(output, false)) {
             QVL_ERR("mute failed\n");
             return;
         }
     } else {
-        if (!start_audio_mute_thread(&attr)) QVL_ERR("audio_mute_thread creation failed!\n");
+        if (!start_audio_mute_thread(&attr))
+            QVL_ERR("audio_mute_thread creation failed!\n");
     }
 
     v4l2_drm descriptor;

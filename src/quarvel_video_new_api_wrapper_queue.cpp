@@ -54,13 +54,15 @@ bool fr2ip_set_queue_size(int fd, int queue_size) {
     std::lock_guard<std::mutex> guard(s_zero_queue_state.lock);
     QVL_TRACE("in, size = %d, count = %d\n", queue_size, s_zero_queue_state.use_count);
     if (queue_size == 0) {
-        if (s_zero_queue_state.use_count == 0 && !fr2ip_do_set_queue_size(fd, 0)) return false;
+        if (s_zero_queue_state.use_count == 0 && !fr2ip_do_set_queue_size(fd, 0))
+            return false;
         s_zero_queue_state.use_count++;
         return true;
     }
     // A release is counted whatever the driver says, and the count has no lower bound.
     s_zero_queue_state.use_count--;
-    if (s_zero_queue_state.use_count == 0) fr2ip_do_set_queue_size(fd, queue_size);
+    if (s_zero_queue_state.use_count == 0)
+        fr2ip_do_set_queue_size(fd, queue_size);
     return true;
 }
 
@@ -69,7 +71,8 @@ bool InitQueueMode(quarvel_video_output_s* output) {
         QVL_ERR("output is null\n");
         return false;
     }
-    if (output->m_queue_size_set) return true;
+    if (output->m_queue_size_set)
+        return true;
     // Raised before asking, so that close releases even a hold the driver refused.
     output->m_queue_size_set = true;
     return fr2ip_set_queue_size(output->m_valio_fd, 0);

@@ -29,7 +29,8 @@ RUVO_INTERNAL bool DRMFindPlane(quarvel_video_output_s* output);
 RUVO_INTERNAL int get_drm_fd_from_korb(int cardID, int* drmFd);
 
 // Sends one video-platform command (arguments by address) and returns the ioctl result.
-RUVO_INTERNAL int vplt_send_command(int fd, int32_t command, void* arg1, void* arg2, void* arg3, int32_t* ret);
+RUVO_INTERNAL int vplt_send_command(int fd, int32_t command, void* arg1, void* arg2, void* arg3,
+                                    int32_t* ret);
 
 // Hardware frame buffers and converter (on-screen-display path)
 RUVO_INTERNAL int gem_hw_alloc(int drm_fd, int size, int index, bool isY);

@@ -23,13 +23,16 @@ int g_clients = 0;
 }  // namespace
 
 HMXParam::HMXParam() : m_data(nullptr), m_size(0), m_capacity(0), m_read_pos(0) {}
-HMXParam::~HMXParam() { free(m_data); }
+HMXParam::~HMXParam() {
+    free(m_data);
+}
 
 int HMXParam::writeInt32(int32_t value) {
     if (m_size + sizeof(value) > m_capacity) {
         size_t cap = m_capacity ? m_capacity * 2 : 16;
         uint8_t* grown = static_cast<uint8_t*>(realloc(m_data, cap));
-        if (grown == nullptr) return -1;
+        if (grown == nullptr)
+            return -1;
         m_data = grown;
         m_capacity = cap;
     }
@@ -47,8 +50,12 @@ int32_t HMXParam::readInt32() const {
     return value;
 }
 
-const uint8_t* HMXParam::data() const { return m_data; }
-size_t HMXParam::dataSize() const { return m_size; }
+const uint8_t* HMXParam::data() const {
+    return m_data;
+}
+size_t HMXParam::dataSize() const {
+    return m_size;
+}
 
 void HMXParam::setData(const uint8_t* bytes, size_t size) {
     free(m_data);

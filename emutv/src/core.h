@@ -34,7 +34,7 @@ struct Fault {
 };
 
 class Core {
-public:
+  public:
     Core();
     mutable std::recursive_mutex mu;
 
@@ -76,7 +76,9 @@ public:
     // Consumes the next scripted fault for `name`, if any.
     bool take_fault(const std::string& name, Fault* out);
     void record(Event&& ev);
-    bool is_emulated(int fd) const { return fd >= 0 && fd < kMaxFd && emulated[fd].load(std::memory_order_relaxed); }
+    bool is_emulated(int fd) const {
+        return fd >= 0 && fd < kMaxFd && emulated[fd].load(std::memory_order_relaxed);
+    }
 };
 
 Core& core();

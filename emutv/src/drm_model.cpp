@@ -20,7 +20,8 @@ constexpr uint32_t kPropPlaneType = 11;
 template <typename T>
 void copy_array(uint64_t user_ptr, uint32_t user_count, const std::vector<T>& values) {
     if (user_ptr != 0 && user_count >= values.size() && !values.empty())
-        memcpy(reinterpret_cast<void*>(static_cast<uintptr_t>(user_ptr)), values.data(), values.size() * sizeof(T));
+        memcpy(reinterpret_cast<void*>(static_cast<uintptr_t>(user_ptr)), values.data(),
+               values.size() * sizeof(T));
 }
 
 DrmPlane make_plane(uint32_t id, uint64_t type) {
@@ -107,15 +108,18 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
         *err = e;
         return -1L;
     };
-    if (arg == nullptr) return fail(EFAULT);
+    if (arg == nullptr)
+        return fail(EFAULT);
     auto& f = ev.fields;
     switch (req) {
         case DRM_IOCTL_MODE_GETRESOURCES: {
             auto* r = static_cast<drm_mode_card_res*>(arg);
             std::vector<uint32_t> fbs(framebuffers.begin(), framebuffers.end());
             std::vector<uint32_t> conns, encs;
-            for (auto& c : connectors) conns.push_back(c.id);
-            for (auto& e : encoders) encs.push_back(e.id);
+            for (auto& c : connectors)
+                conns.push_back(c.id);
+            for (auto& e : encoders)
+                encs.push_back(e.id);
             copy_array(r->fb_id_ptr, r->count_fbs, fbs);
             copy_array(r->crtc_id_ptr, r->count_crtcs, crtcs);
             copy_array(r->connector_id_ptr, r->count_connectors, conns);
@@ -136,8 +140,10 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
             f["connector_id"] = c->connector_id;
             const DrmConnector* con = nullptr;
             for (auto& x : connectors)
-                if (x.id == c->connector_id) con = &x;
-            if (!con) return fail(ENOENT);
+                if (x.id == c->connector_id)
+                    con = &x;
+            if (!con)
+                return fail(ENOENT);
             std::vector<drm_mode_modeinfo> modes(con->count_modes);
             for (auto& m : modes) {
                 memset(&m, 0, sizeof(m));
@@ -167,7 +173,8 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
             auto* e = static_cast<drm_mode_get_encoder*>(arg);
             f["encoder_id"] = e->encoder_id;
             for (auto& x : encoders) {
-                if (x.id != e->encoder_id) continue;
+                if (x.id != e->encoder_id)
+                    continue;
                 e->encoder_type = DRM_MODE_ENCODER_LVDS;
                 e->crtc_id = x.crtc_id;
                 e->possible_crtcs = x.possible_crtcs;
@@ -181,7 +188,8 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
         case DRM_IOCTL_MODE_GETPLANERESOURCES: {
             auto* r = static_cast<drm_mode_get_plane_res*>(arg);
             std::vector<uint32_t> ids;
-            for (auto& p : planes) ids.push_back(p.id);
+            for (auto& p : planes)
+                ids.push_back(p.id);
             copy_array(r->plane_id_ptr, r->count_planes, ids);
             r->count_planes = ids.size();
             f["count_planes"] = ids.size();
@@ -191,7 +199,8 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
             auto* p = static_cast<drm_mode_get_plane*>(arg);
             f["plane_id"] = p->plane_id;
             for (auto& x : planes) {
-                if (x.id != p->plane_id) continue;
+                if (x.id != p->plane_id)
+                    continue;
                 std::vector<uint32_t> formats(x.count_formats, 0x3231564E /* NV12 */);
                 copy_array(p->format_type_ptr, p->count_format_types, formats);
                 p->count_format_types = formats.size();
@@ -208,13 +217,15 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
             f["obj_id"] = o->obj_id;
             f["obj_type"] = o->obj_type;
             for (auto& x : planes) {
-                if (x.id != o->obj_id || o->obj_type != DRM_MODE_OBJECT_PLANE) continue;
+                if (x.id != o->obj_id || o->obj_type != DRM_MODE_OBJECT_PLANE)
+                    continue;
                 std::vector<uint32_t> ids;
                 std::vector<uint64_t> values;
                 for (size_t i = 0; i < x.props.size(); ++i) {
-                    ids.push_back(x.props[i].name == "type"         ? kPropType
-                                  : x.props[i].name == "plane_type" ? kPropPlaneType
-                                                                    : 20 + static_cast<uint32_t>(i) * 100 + x.id);
+                    ids.push_back(x.props[i].name == "type" ? kPropType
+                                  : x.props[i].name == "plane_type"
+                                      ? kPropPlaneType
+                                      : 20 + static_cast<uint32_t>(i) * 100 + x.id);
                     values.push_back(x.props[i].value);
                 }
                 copy_array(o->props_ptr, o->count_props, ids);
@@ -228,12 +239,16 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
             auto* p = static_cast<drm_mode_get_property*>(arg);
             f["prop_id"] = p->prop_id;
             std::string name;
-            if (p->prop_id == kPropType) name = "type";
-            if (p->prop_id == kPropPlaneType) name = "plane_type";
+            if (p->prop_id == kPropType)
+                name = "type";
+            if (p->prop_id == kPropPlaneType)
+                name = "plane_type";
             for (auto& x : planes)
                 for (size_t i = 0; i < x.props.size(); ++i)
-                    if (p->prop_id == 20 + i * 100 + x.id) name = x.props[i].name;
-            if (name.empty()) return fail(ENOENT);
+                    if (p->prop_id == 20 + i * 100 + x.id)
+                        name = x.props[i].name;
+            if (name.empty())
+                return fail(ENOENT);
             memset(p->name, 0, sizeof(p->name));
             strncpy(p->name, name.c_str(), sizeof(p->name) - 1);
             p->flags = DRM_MODE_PROP_RANGE | DRM_MODE_PROP_IMMUTABLE;
@@ -259,7 +274,8 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
         case DRM_IOCTL_MODE_DESTROY_DUMB: {
             auto* d = static_cast<drm_mode_destroy_dumb*>(arg);
             f["handle"] = d->handle;
-            if (!dumb_handles.erase(d->handle)) return fail(ENOENT);
+            if (!dumb_handles.erase(d->handle))
+                return fail(ENOENT);
             return 0;
         }
         case DRM_IOCTL_MODE_ADDFB2: {
@@ -269,7 +285,8 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
             f["pixel_format"] = c->pixel_format;
             f["handle0"] = c->handles[0];
             f["pitch0"] = c->pitches[0];
-            if (!dumb_handles.count(c->handles[0])) return fail(ENOENT);
+            if (!dumb_handles.count(c->handles[0]))
+                return fail(ENOENT);
             c->fb_id = next_fb++;
             framebuffers.insert(c->fb_id);
             f["fb_id"] = c->fb_id;
@@ -278,7 +295,8 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
         case DRM_IOCTL_MODE_RMFB: {
             uint32_t id = *static_cast<uint32_t*>(arg);
             f["fb_id"] = id;
-            if (!framebuffers.erase(id)) return fail(ENOENT);
+            if (!framebuffers.erase(id))
+                return fail(ENOENT);
             return 0;
         }
         case DRM_IOCTL_MODE_SETPLANE: {
@@ -296,8 +314,10 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
             f["src_w"] = s->src_w;
             f["src_h"] = s->src_h;
             bool known = false;
-            for (auto& x : planes) known = known || x.id == s->plane_id;
-            if (!known) return fail(ENOENT);
+            for (auto& x : planes)
+                known = known || x.id == s->plane_id;
+            if (!known)
+                return fail(ENOENT);
             PlaneState& st = plane_state[s->plane_id];
             st.set = true;
             st.crtc_id = s->crtc_id;
@@ -315,9 +335,11 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
         case DRM_IOCTL_PRIME_HANDLE_TO_FD: {
             auto* p = static_cast<drm_prime_handle*>(arg);
             f["handle"] = p->handle;
-            if (!gem_handles.count(p->handle)) return fail(ENOENT);
+            if (!gem_handles.count(p->handle))
+                return fail(ENOENT);
             int fd = detail::core().create_fd(Device::Dmabuf, "dmabuf:" + std::to_string(p->handle));
-            if (fd < 0) return fail(EMFILE);
+            if (fd < 0)
+                return fail(EMFILE);
             dmabuf_handle[fd] = p->handle;
             p->fd = fd;
             f["fd"] = fd;
@@ -327,7 +349,8 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
             auto* p = static_cast<drm_prime_handle*>(arg);
             f["fd"] = p->fd;
             auto it = dmabuf_handle.find(p->fd);
-            if (it == dmabuf_handle.end() || !detail::core().is_emulated(p->fd)) return fail(EBADF);
+            if (it == dmabuf_handle.end() || !detail::core().is_emulated(p->fd))
+                return fail(EBADF);
             p->handle = it->second;
             f["handle"] = p->handle;
             return 0;
@@ -335,7 +358,8 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
         case DRM_IOCTL_GEM_CLOSE: {
             auto* g = static_cast<drm_gem_close*>(arg);
             f["handle"] = g->handle;
-            if (!gem_handles.erase(g->handle)) return fail(EINVAL);
+            if (!gem_handles.erase(g->handle))
+                return fail(EINVAL);
             return 0;
         }
         case DRM_IOCTL_SDP_GEM_HW_CREATE: {
@@ -366,7 +390,8 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
             f["plane_id"] = o->plane_id;
             f["set_func"] = o->set_func;
             f["onoff_flag"] = o->onoff_flag;
-            if (o->set_func == DRM_SDP_FUNC_MUTE_ONOFF) muted[o->plane_id] = o->onoff_flag != 0;
+            if (o->set_func == DRM_SDP_FUNC_MUTE_ONOFF)
+                muted[o->plane_id] = o->onoff_flag != 0;
             return 0;
         }
         default:
@@ -375,7 +400,8 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
 }
 
 void DrmModel::apply_status(unsigned long req, void* arg, int32_t status) {
-    if (req == DRM_IOCTL_PRIME_HANDLE_TO_FD && arg != nullptr) static_cast<drm_prime_handle*>(arg)->fd = status;
+    if (req == DRM_IOCTL_PRIME_HANDLE_TO_FD && arg != nullptr)
+        static_cast<drm_prime_handle*>(arg)->fd = status;
 }
 
 }  // namespace emutv

@@ -23,21 +23,28 @@ thread_local int t_inside = 0;
 const char* const kVpltPaths[] = {"/dev/qvl/qvkvplt", "/dev/qvkvplt", "/tmp/qvkvplt"};
 const char* const kDolbyPaths[] = {"/dev/kdolby", "/dev/qvl/kdolby", "/tmp/kdolby"};
 
-int remove_entry(const char* path, const struct stat*, int, struct FTW*) { return ::remove(path); }
-
-void remove_tree(const std::string& root) {
-    if (!root.empty()) nftw(root.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+int remove_entry(const char* path, const struct stat*, int, struct FTW*) {
+    return ::remove(path);
 }
 
-void remove_sandbox_at_exit() { remove_tree(core().sandbox); }
+void remove_tree(const std::string& root) {
+    if (!root.empty())
+        nftw(root.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+}
+
+void remove_sandbox_at_exit() {
+    remove_tree(core().sandbox);
+}
 
 void make_dirs(const std::string& path) {
     std::string partial;
     std::stringstream ss(path);
     std::string part;
-    if (!path.empty() && path[0] == '/') partial = "/";
+    if (!path.empty() && path[0] == '/')
+        partial = "/";
     while (std::getline(ss, part, '/')) {
-        if (part.empty()) continue;
+        if (part.empty())
+            continue;
         partial += part;
         ::mkdir(partial.c_str(), 0755);
         partial += "/";
@@ -45,15 +52,25 @@ void make_dirs(const std::string& path) {
 }
 }  // namespace
 
-Inside::Inside() { ++t_inside; }
-Inside::~Inside() { --t_inside; }
+Inside::Inside() {
+    ++t_inside;
+}
+Inside::~Inside() {
+    --t_inside;
+}
 
 int sys_open(const char* path, int flags, int mode) {
     return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
 }
-int sys_close(int fd) { return static_cast<int>(syscall(SYS_close, fd)); }
-long sys_ioctl(int fd, unsigned long req, void* arg) { return syscall(SYS_ioctl, fd, req, arg); }
-long sys_write(int fd, const void* buf, size_t n) { return syscall(SYS_write, fd, buf, n); }
+int sys_close(int fd) {
+    return static_cast<int>(syscall(SYS_close, fd));
+}
+long sys_ioctl(int fd, unsigned long req, void* arg) {
+    return syscall(SYS_ioctl, fd, req, arg);
+}
+long sys_write(int fd, const void* buf, size_t n) {
+    return syscall(SYS_write, fd, buf, n);
+}
 
 Core::Core()
     : drm(new DrmModel),
@@ -63,9 +80,12 @@ Core::Core()
       decoder(new DecoderModel),
       sound(new SoundCardModel),
       compr(new ComprModel) {
-    for (auto& e : emulated) e.store(0);
-    for (const char* p : kVpltPaths) node_device[p] = Device::Vplt;
-    for (const char* p : kDolbyPaths) node_device[p] = Device::Dolby;
+    for (auto& e : emulated)
+        e.store(0);
+    for (const char* p : kVpltPaths)
+        node_device[p] = Device::Vplt;
+    for (const char* p : kDolbyPaths)
+        node_device[p] = Device::Dolby;
     node_device["/dev/dri/card0"] = Device::Drm;
     node_device["/dev/qvkconverter"] = Device::Converter;
     node_device["/dev/video10"] = Device::Decoder;
@@ -127,7 +147,8 @@ DeviceModel* Core::model_for(Device d) const {
 
 int Core::create_fd(Device d, const std::string& path) {
     int fd = sys_open("/dev/null", O_RDWR | O_CLOEXEC, 0);
-    if (fd < 0) return fd;
+    if (fd < 0)
+        return fd;
     if (fd >= kMaxFd) {
         sys_close(fd);
         errno = EMFILE;
@@ -140,25 +161,31 @@ int Core::create_fd(Device d, const std::string& path) {
     f.model = model_for(d);
     files[fd] = f;
     emulated[fd].store(1);
-    if (f.model) f.model->on_open(fd, path);
+    if (f.model)
+        f.model->on_open(fd, path);
     return fd;
 }
 
 bool Core::take_fault(const std::string& name, Fault* out) {
     auto it = faults.find(name);
-    if (it == faults.end() || it->second.empty()) return false;
+    if (it == faults.end() || it->second.empty())
+        return false;
     Fault& f = it->second.front();
     *out = f;
-    if (f.times > 0 && --f.times == 0) it->second.pop_front();
+    if (f.times > 0 && --f.times == 0)
+        it->second.pop_front();
     return true;
 }
 
 void Core::record(Event&& ev) {
     ev.seq = ++seq;
     counts[ev.name]++;
-    if (ev.kind == Kind::Ioctl || ev.kind == Kind::Write) total++;
-    if (listener) listener(ev);
-    if (recording) events.push_back(std::move(ev));
+    if (ev.kind == Kind::Ioctl || ev.kind == Kind::Write)
+        total++;
+    if (listener)
+        listener(ev);
+    if (recording)
+        events.push_back(std::move(ev));
 }
 
 Core& core() {
@@ -167,17 +194,21 @@ Core& core() {
 }
 
 std::string sandbox_map(const char* path) {
-    static const char* const kExact[] = {"/tmp/RUVO",     "/mnt/RUVO",    "/media/sda1",  "/media/sda",
-                                         "media/sdb",     "/mnt/usb/sda1", "/mnt/usb/sda", "/mnt/usb/sdb",
-                                         "/tmp"};
-    static const char* const kMounts[] = {"/media/sda1",   "/media/sda",   "media/sdb", "/mnt/usb/sda1",
+    static const char* const kExact[] = {"/tmp/RUVO",    "/mnt/RUVO",    "/media/sda1",
+                                         "/media/sda",   "media/sdb",    "/mnt/usb/sda1",
+                                         "/mnt/usb/sda", "/mnt/usb/sdb", "/tmp"};
+    static const char* const kMounts[] = {"/media/sda1",  "/media/sda",   "media/sdb", "/mnt/usb/sda1",
                                           "/mnt/usb/sda", "/mnt/usb/sdb", "/tmp"};
-    if (path == nullptr) return std::string();
+    if (path == nullptr)
+        return std::string();
     std::string p(path);
     bool mapped = false;
-    for (const char* e : kExact) mapped = mapped || p == e;
-    for (const char* m : kMounts) mapped = mapped || p == std::string(m) + "/ruvo-interface.log";
-    if (!mapped) return std::string();
+    for (const char* e : kExact)
+        mapped = mapped || p == e;
+    for (const char* m : kMounts)
+        mapped = mapped || p == std::string(m) + "/ruvo-interface.log";
+    if (!mapped)
+        return std::string();
     std::string root = core().sandbox;
     return p[0] == '/' ? root + p : root + "/" + p;
 }
@@ -228,19 +259,24 @@ const char* kind_name(Kind k) {
 
 long long Event::field(const std::string& key) const {
     auto it = fields.find(key);
-    if (it == fields.end()) throw std::out_of_range("event " + name + " has no field " + key);
+    if (it == fields.end())
+        throw std::out_of_range("event " + name + " has no field " + key);
     return it->second;
 }
 
-bool inside_emulator() { return detail::t_inside > 0; }
+bool inside_emulator() {
+    return detail::t_inside > 0;
+}
 
 int process_open_descriptors() {
     detail::Inside inside;
     int n = 0;
     DIR* d = opendir("/proc/self/fd");
-    if (!d) return -1;
+    if (!d)
+        return -1;
     while (struct dirent* e = readdir(d)) {
-        if (e->d_name[0] != '.') n++;
+        if (e->d_name[0] != '.')
+            n++;
     }
     closedir(d);
     return n - 1;  // the directory stream itself
@@ -309,7 +345,8 @@ HalMode Platform::hal() const {
 }
 
 void Platform::fail(const std::string& request, int err, int times) {
-    if (times == 0) return;
+    if (times == 0)
+        return;
     detail::Inside inside;
     auto& c = core();
     std::lock_guard<std::recursive_mutex> g(c.mu);
@@ -320,7 +357,8 @@ void Platform::fail(const std::string& request, int err, int times) {
 }
 
 void Platform::fail_status(const std::string& request, int32_t status, int times) {
-    if (times == 0) return;
+    if (times == 0)
+        return;
     detail::Inside inside;
     auto& c = core();
     std::lock_guard<std::recursive_mutex> g(c.mu);
@@ -350,7 +388,8 @@ std::vector<Event> Platform::events(const std::string& name) const {
     std::lock_guard<std::recursive_mutex> g(c.mu);
     std::vector<Event> out;
     for (const auto& e : c.events)
-        if (e.name == name) out.push_back(e);
+        if (e.name == name)
+            out.push_back(e);
     return out;
 }
 
@@ -360,7 +399,8 @@ std::vector<Event> Platform::events(Device d) const {
     std::lock_guard<std::recursive_mutex> g(c.mu);
     std::vector<Event> out;
     for (const auto& e : c.events)
-        if (e.device == d) out.push_back(e);
+        if (e.device == d)
+            out.push_back(e);
     return out;
 }
 
@@ -405,11 +445,14 @@ int Platform::open_descriptors() const {
     return static_cast<int>(c.files.size());
 }
 
-std::string Platform::sandbox_root() const { return core().sandbox; }
+std::string Platform::sandbox_root() const {
+    return core().sandbox;
+}
 
 std::string Platform::sandbox_path(const std::string& path) const {
     std::string m = detail::sandbox_map(path.c_str());
-    if (!m.empty()) return m;
+    if (!m.empty())
+        return m;
     return path[0] == '/' ? core().sandbox + path : core().sandbox + "/" + path;
 }
 
@@ -438,18 +481,36 @@ std::string Platform::sandbox_read(const std::string& path) const {
     return ss.str();
 }
 
-DrmModel& Platform::drm() { return *core().drm; }
-VpltModel& Platform::vplt() { return *core().vplt; }
-DolbyModel& Platform::dolby() { return *core().dolby; }
-ConverterModel& Platform::converter() { return *core().converter; }
-DecoderModel& Platform::decoder() { return *core().decoder; }
-SoundCardModel& Platform::sound() { return *core().sound; }
-ComprModel& Platform::compr() { return *core().compr; }
-std::recursive_mutex& Platform::mutex() const { return core().mu; }
+DrmModel& Platform::drm() {
+    return *core().drm;
+}
+VpltModel& Platform::vplt() {
+    return *core().vplt;
+}
+DolbyModel& Platform::dolby() {
+    return *core().dolby;
+}
+ConverterModel& Platform::converter() {
+    return *core().converter;
+}
+DecoderModel& Platform::decoder() {
+    return *core().decoder;
+}
+SoundCardModel& Platform::sound() {
+    return *core().sound;
+}
+ComprModel& Platform::compr() {
+    return *core().compr;
+}
+std::recursive_mutex& Platform::mutex() const {
+    return core().mu;
+}
 
 // ---- DeviceModel defaults -----------------------------------------------------------------
 
-size_t DeviceModel::record_size(unsigned long req, const void*) const { return (req >> 16) & 0x3FFF; }
+size_t DeviceModel::record_size(unsigned long req, const void*) const {
+    return (req >> 16) & 0x3FFF;
+}
 void DeviceModel::apply_status(unsigned long, void*, int32_t) {}
 long DeviceModel::write(int, const void*, size_t, Event&, int* err) {
     *err = EINVAL;

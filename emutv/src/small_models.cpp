@@ -106,7 +106,8 @@ long ConverterModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* er
 }
 
 void ConverterModel::apply_status(unsigned long, void* arg, int32_t status) {
-    if (arg) static_cast<converter_retval*>(arg)->u32Retval = static_cast<uint32_t>(status);
+    if (arg)
+        static_cast<converter_retval*>(arg)->u32Retval = static_cast<uint32_t>(status);
 }
 
 // ---- Broadcast decoder node ---------------------------------------------------------------

@@ -49,7 +49,8 @@ void capture(const ST_VPLT_IOC_CMD& c, Event& ev) {
 template <typename T>
 T read_arg(void* p) {
     T v{};
-    if (p) memcpy(&v, p, sizeof(T));
+    if (p)
+        memcpy(&v, p, sizeof(T));
     return v;
 }
 
@@ -68,7 +69,8 @@ void VpltModel::reset() {
 }
 
 std::string VpltModel::request_name(unsigned long req, const void* arg) const {
-    if (req != VPLT_IOC_CMD || arg == nullptr) return "VPLT_IOCTL";
+    if (req != VPLT_IOC_CMD || arg == nullptr)
+        return "VPLT_IOCTL";
     switch (static_cast<const ST_VPLT_IOC_CMD*>(arg)->enCmd) {
         case EN_VPLT_IOC_FR2IP_SetDispQueueSize:
             return "FR2IP_SetDispQueueSize";
@@ -99,7 +101,8 @@ long VpltModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
     auto& c = *static_cast<ST_VPLT_IOC_CMD*>(arg);
     auto& f = ev.fields;
     f["cmd"] = c.enCmd;
-    if (c.arg1) f["plane_id"] = read_arg<uint8_t>(c.arg1);
+    if (c.arg1)
+        f["plane_id"] = read_arg<uint8_t>(c.arg1);
     int32_t ret = 0;
     switch (c.enCmd) {
         case EN_VPLT_IOC_FR2IP_SetDispQueueSize:
@@ -125,20 +128,23 @@ long VpltModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
             break;
         }
         case EN_VPLT_IOC_FR2IP_GetVsyncHZ:
-            if (c.arg2) memcpy(c.arg2, &vsync_hz, 4);
+            if (c.arg2)
+                memcpy(c.arg2, &vsync_hz, 4);
             f["vsync_fps"] = vsync_hz;
             ret = vsync_hz_ret;
             break;
         case EN_VPLT_IOC_FR2IP_GetOffsetFromVsync: {
             vplt_vsync_offset o{offset_sec, offset_nsec};
-            if (c.arg2) memcpy(c.arg2, &o, sizeof(o));
+            if (c.arg2)
+                memcpy(c.arg2, &o, sizeof(o));
             f["tv_sec"] = offset_sec;
             f["tv_nsec"] = offset_nsec;
             ret = offset_ret;
             break;
         }
         case EN_VPLT_IOC_FR2IP_GetDirectlyFrames:
-            if (c.arg2) memcpy(c.arg2, frames, sizeof(frames));
+            if (c.arg2)
+                memcpy(c.arg2, frames, sizeof(frames));
             f["frames0"] = frames[0];
             f["frames1"] = frames[1];
             break;
@@ -155,7 +161,8 @@ long VpltModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
             capture(c, ev);
             return -1;
     }
-    if (c.ret) memcpy(c.ret, &ret, 4);
+    if (c.ret)
+        memcpy(c.ret, &ret, 4);
     f["ret"] = ret;
     capture(c, ev);
     return 0;
@@ -163,7 +170,8 @@ long VpltModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
 
 void VpltModel::apply_status(unsigned long, void* arg, int32_t status) {
     auto* c = static_cast<ST_VPLT_IOC_CMD*>(arg);
-    if (c && c->ret) memcpy(c->ret, &status, 4);
+    if (c && c->ret)
+        memcpy(c->ret, &status, 4);
 }
 
 }  // namespace emutv

@@ -23,7 +23,8 @@ RUVO_EXPORT void wayland_render_deinit(struct window* window);
 RUVO_EXPORT void wayland_render_redraw(struct window* window, int index);
 RUVO_EXPORT void wayland_render_set_geometry(struct window* window, int x, int y, int w, int h);
 RUVO_EXPORT void wayland_render_re_create_dmabuf_buffer(struct window* window, int width, int height);
-RUVO_EXPORT void wayland_render_re_create_dmabuf_buffer_directly(struct window* window, int width, int height);
+RUVO_EXPORT void wayland_render_re_create_dmabuf_buffer_directly(struct window* window, int width,
+                                                                 int height);
 
 #ifdef __cplusplus
 }

@@ -10,8 +10,8 @@
 #include "alloc_counter.h"
 #include "audio_fixture.h"
 
-using ruvo_test::AllocationCounter;
 using audio_test::AudioTest;
+using ruvo_test::AllocationCounter;
 
 class AudioCost : public AudioTest {
   protected:

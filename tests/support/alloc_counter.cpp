@@ -30,11 +30,13 @@ void* g_calloc_returned[16384];
 unsigned g_calloc_returned_n = 0;
 
 inline void count_allocation() {
-    if (t_counting && !emutv::inside_emulator()) t_allocations++;
+    if (t_counting && !emutv::inside_emulator())
+        t_allocations++;
 }
 
 void* checked(void* p) {
-    if (p == nullptr) throw std::bad_alloc();
+    if (p == nullptr)
+        throw std::bad_alloc();
     return p;
 }
 
@@ -45,7 +47,8 @@ void* armed_calloc(size_t count, size_t size) {
         p = nullptr;
     } else if (index == t_calloc_trap_at && t_calloc_trap == ruvo_test::CallocTrap::Dirty) {
         p = __libc_malloc(count * size);
-        if (p) memset(p, 0xa5, count * size);
+        if (p)
+            memset(p, 0xa5, count * size);
     } else {
         p = __libc_calloc(count, size);
     }
@@ -76,11 +79,14 @@ void arm_calloc(CallocTrap trap, unsigned at) {
     t_calloc_armed = true;
 }
 
-void disarm_calloc() { t_calloc_armed = false; }
+void disarm_calloc() {
+    t_calloc_armed = false;
+}
 
 unsigned calloc_ordinal_of(const void* p) {
     for (unsigned i = g_calloc_returned_n; i > 0; i--)
-        if (g_calloc_returned[i - 1] == p) return i;
+        if (g_calloc_returned[i - 1] == p)
+            return i;
     return 0;
 }
 
@@ -103,7 +109,9 @@ void* realloc(void* ptr, size_t size) {
     return __libc_realloc(ptr, size);
 }
 
-void free(void* ptr) { __libc_free(ptr); }
+void free(void* ptr) {
+    __libc_free(ptr);
+}
 
 void* memalign(size_t alignment, size_t size) {
     count_allocation();
@@ -118,7 +126,8 @@ void* aligned_alloc(size_t alignment, size_t size) {
 int posix_memalign(void** out, size_t alignment, size_t size) {
     count_allocation();
     void* p = __libc_memalign(alignment, size);
-    if (p == nullptr) return ENOMEM;
+    if (p == nullptr)
+        return ENOMEM;
     *out = p;
     return 0;
 }
@@ -141,7 +150,15 @@ void* operator new[](size_t size, const std::nothrow_t&) noexcept {
     count_allocation();
     return __libc_malloc(size ? size : 1);
 }
-void operator delete(void* p) noexcept { __libc_free(p); }
-void operator delete[](void* p) noexcept { __libc_free(p); }
-void operator delete(void* p, size_t) noexcept { __libc_free(p); }
-void operator delete[](void* p, size_t) noexcept { __libc_free(p); }
+void operator delete(void* p) noexcept {
+    __libc_free(p);
+}
+void operator delete[](void* p) noexcept {
+    __libc_free(p);
+}
+void operator delete(void* p, size_t) noexcept {
+    __libc_free(p);
+}
+void operator delete[](void* p, size_t) noexcept {
+    __libc_free(p);
+}

@@ -11,7 +11,7 @@ namespace ruvo_test {
 
 // Counts the heap allocations the calling thread makes between start() and stop().
 class AllocationCounter {
-public:
+  public:
     void start();
     size_t stop();
 };

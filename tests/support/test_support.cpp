@@ -11,13 +11,16 @@ void StdoutCapture::start() {
 }
 
 std::string StdoutCapture::stop_raw() {
-    if (!active_) return std::string();
+    if (!active_)
+        return std::string();
     fflush(stdout);
     active_ = false;
     return ::testing::internal::GetCapturedStdout();
 }
 
-std::vector<std::string> StdoutCapture::stop_lines() { return split_lines(fold_call_sites(stop_raw())); }
+std::vector<std::string> StdoutCapture::stop_lines() {
+    return split_lines(fold_call_sites(stop_raw()));
+}
 
 std::string fold_call_sites(const std::string& text) {
     static const std::regex video(R"((\[qvl_disp_corvi\] [A-Za-z_0-9]+)\(\d+\) )");
@@ -45,7 +48,9 @@ std::string vline(const std::string& func, const std::string& text) {
     return "[qvl_disp_corvi] " + func + "(#) " + text;
 }
 
-std::string aline(const std::string& func, const std::string& text) { return "[" + func + "(): #]" + text; }
+std::string aline(const std::string& func, const std::string& text) {
+    return "[" + func + "(): #]" + text;
+}
 
 v4l2_drm make_frame(uint32_t hres, uint32_t vres, uint32_t aspect, uint32_t inputport) {
     v4l2_drm d;
@@ -72,7 +77,8 @@ void PlatformTest::SetUp() {
 void PlatformTest::TearDown() {
     if (capture_.active()) {
         std::string rest = capture_.stop_raw();
-        if (HasFailure()) fprintf(stderr, "--- library output ---\n%s", rest.c_str());
+        if (HasFailure())
+            fprintf(stderr, "--- library output ---\n%s", rest.c_str());
     }
 }
 
@@ -84,13 +90,15 @@ std::vector<std::string> PlatformTest::lines() {
 
 std::vector<std::string> PlatformTest::request_names() const {
     std::vector<std::string> out;
-    for (const auto& e : emutv::platform().events()) out.push_back(e.name);
+    for (const auto& e : emutv::platform().events())
+        out.push_back(e.name);
     return out;
 }
 
 std::vector<std::string> PlatformTest::request_names(emutv::Device d) const {
     std::vector<std::string> out;
-    for (const auto& e : emutv::platform().events(d)) out.push_back(e.name);
+    for (const auto& e : emutv::platform().events(d))
+        out.push_back(e.name);
     return out;
 }
 

@@ -15,7 +15,7 @@ namespace ruvo_test {
 
 // Captures what the library prints to standard output.
 class StdoutCapture {
-public:
+  public:
     void start();
     // The captured text split into lines (each keeps no "\n"), with the call-site
     // number of every video-style or audio-style prefix replaced by "#":
@@ -24,7 +24,7 @@ public:
     std::string stop_raw();
     bool active() const { return active_; }
 
-private:
+  private:
     bool active_ = false;
 };
 
@@ -43,7 +43,7 @@ v4l2_drm make_frame(uint32_t hres, uint32_t vres, uint32_t aspect = V4L2_ASPECTR
 
 // Base fixture: resets the emulated platform and the debug mask, captures stdout.
 class PlatformTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override;
     void TearDown() override;
     emutv::Platform& tv() { return emutv::platform(); }

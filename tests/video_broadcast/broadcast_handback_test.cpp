@@ -20,13 +20,14 @@ int live_threads() {
     int n = 0;
     DIR* d = opendir("/proc/self/task");
     while (struct dirent* e = readdir(d))
-        if (e->d_name[0] != '.') n++;
+        if (e->d_name[0] != '.')
+            n++;
     closedir(d);
     return n;
 }
 
 class BroadcastHandback : public PlatformTest {
-protected:
+  protected:
     void SetUp() override {
         PlatformTest::SetUp();
         unsetenv("TA_DTV_PRELOAD");
@@ -36,7 +37,8 @@ protected:
         settle();
     }
     void TearDown() override {
-        if (output_) quarvel_video_output_close(output_);
+        if (output_)
+            quarvel_video_output_close(output_);
         unsetenv("TA_DTV_PRELOAD");
         PlatformTest::TearDown();
     }
@@ -68,9 +70,11 @@ protected:
             {
                 std::lock_guard<std::recursive_mutex> g(tv().mutex());
                 for (const auto& w : tv().sound().writes)
-                    if (w.name == "main out mute" && w.value == 1) mutes++;
+                    if (w.name == "main out mute" && w.value == 1)
+                        mutes++;
             }
-            if (mutes >= writes_expected && live_threads() <= threads_before_) return true;
+            if (mutes >= writes_expected && live_threads() <= threads_before_)
+                return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         return false;
@@ -84,7 +88,8 @@ protected:
         for (size_t i = 0; i < all.size(); ++i) {
             if (all[i] == vline("_set_audio_mute", "set audio mute")) {
                 (*thread_lines)++;
-                if (i + 1 < all.size() && all[i + 1].empty()) ++i;  // "\n\n"
+                if (i + 1 < all.size() && all[i + 1].empty())
+                    ++i;  // "\n\n"
                 continue;
             }
             out.push_back(all[i]);
@@ -96,7 +101,8 @@ protected:
     std::vector<std::string> handback_requests() {
         std::vector<std::string> out;
         for (const auto& e : tv().events()) {
-            if (e.device == Device::SoundCtl) continue;  // the mute thread's control traffic
+            if (e.device == Device::SoundCtl)
+                continue;  // the mute thread's control traffic
             out.push_back(std::string(emutv::device_name(e.device)) + ":" + e.name);
         }
         return out;
@@ -114,8 +120,9 @@ const char* kDecoderPath = "/dev/video10";
 
 TEST_F(BroadcastHandback, without_a_pending_switch_only_in_and_not_ta_case_are_logged) {
     quarvel_video_output_notify_ta_switch(output_);
-    EXPECT_EQ(lines(), (std::vector<std::string>{vline("quarvel_video_output_notify_ta_switch", "in"),
-                                                  vline("quarvel_video_output_notify_ta_switch", "not TA case")}));
+    EXPECT_EQ(lines(),
+              (std::vector<std::string>{vline("quarvel_video_output_notify_ta_switch", "in"),
+                                        vline("quarvel_video_output_notify_ta_switch", "not TA case")}));
     EXPECT_TRUE(tv().events().empty());
     EXPECT_EQ(live_threads(), threads_before_);
 }
@@ -129,8 +136,9 @@ TEST_F(BroadcastHandback, a_preload_value_other_than_1_is_no_switch) {
 
 TEST_F(BroadcastHandback, a_null_handle_is_reported_with_upper_case_null) {
     quarvel_video_output_notify_ta_switch(nullptr);
-    EXPECT_EQ(lines(), (std::vector<std::string>{vline("quarvel_video_output_notify_ta_switch", "in"),
-                                                  vline("quarvel_video_output_notify_ta_switch", "output is NULL")}));
+    EXPECT_EQ(lines(),
+              (std::vector<std::string>{vline("quarvel_video_output_notify_ta_switch", "in"),
+                                        vline("quarvel_video_output_notify_ta_switch", "output is NULL")}));
     EXPECT_TRUE(tv().events().empty());
 }
 
@@ -177,14 +185,15 @@ TEST_F(BroadcastHandback, hidden_plane_mutes_audio_only_and_puts_the_broadcast_f
     int thread_lines = 0;
     auto printed = main_thread_lines(&thread_lines);
     EXPECT_EQ(thread_lines, 1);
-    EXPECT_EQ(printed,
-              (std::vector<std::string>{
-                  vline("quarvel_video_output_notify_ta_switch", "in"), vline("GetDTV_DRM_Info", "in"),
-                  vline("GetDTV_DRM_Info", "core_v4l2_open success"),
-                  vline("GetDTV_DRM_Info", "V4L2_CID_GET_DISPLAY_FRAME_INFO success"),
-                  vline("SetDpSource", "Source Changed:pre(14) -> cur(0)"),
-                  vline("SetPlane", "Set plane done.crtc_x(0),crtc_y(0),crtc_w(0),s.crtc_h(0),src_w(0),src_h(0)"),
-                  vline("DRMSetUnmute", "unmute(1)")}));
+    EXPECT_EQ(
+        printed,
+        (std::vector<std::string>{
+            vline("quarvel_video_output_notify_ta_switch", "in"), vline("GetDTV_DRM_Info", "in"),
+            vline("GetDTV_DRM_Info", "core_v4l2_open success"),
+            vline("GetDTV_DRM_Info", "V4L2_CID_GET_DISPLAY_FRAME_INFO success"),
+            vline("SetDpSource", "Source Changed:pre(14) -> cur(0)"),
+            vline("SetPlane", "Set plane done.crtc_x(0),crtc_y(0),crtc_w(0),s.crtc_h(0),src_w(0),src_h(0)"),
+            vline("DRMSetUnmute", "unmute(1)")}));
     ASSERT_NE(getenv("TA_DTV_PRELOAD"), nullptr);
     EXPECT_STREQ(getenv("TA_DTV_PRELOAD"), "");
     EXPECT_FALSE(output_->m_ta_switch);
@@ -197,10 +206,11 @@ TEST_F(BroadcastHandback, shown_plane_is_muted_before_the_decoder_is_read_and_ke
     quarvel_video_output_notify_ta_switch(output_);
     ASSERT_TRUE(wait_for_audio_mute());
 
-    EXPECT_EQ(handback_requests(),
-              (std::vector<std::string>{"drm:DRM_IOCTL_SDP_SET_ONOFF", "decoder:open", "decoder:VIDIOC_G_EXT_CTRLS",
-                                        "decoder:close", "drm:DRM_IOCTL_SDP_SET_DP_SOURCE",
-                                        "drm:DRM_IOCTL_MODE_SETPLANE", "drm:DRM_IOCTL_SDP_SET_ONOFF"}));
+    EXPECT_EQ(
+        handback_requests(),
+        (std::vector<std::string>{"drm:DRM_IOCTL_SDP_SET_ONOFF", "decoder:open", "decoder:VIDIOC_G_EXT_CTRLS",
+                                  "decoder:close", "drm:DRM_IOCTL_SDP_SET_DP_SOURCE",
+                                  "drm:DRM_IOCTL_MODE_SETPLANE", "drm:DRM_IOCTL_SDP_SET_ONOFF"}));
     auto onoff = tv().events("DRM_IOCTL_SDP_SET_ONOFF");
     ASSERT_EQ(onoff.size(), 2u);
     EXPECT_EQ(onoff[0].field("onoff_flag"), 1);
@@ -243,11 +253,11 @@ TEST_F(BroadcastHandback, missing_decoder_node_leaves_the_video_muted_and_the_sw
 
     int thread_lines = 0;
     auto printed = main_thread_lines(&thread_lines);
-    EXPECT_EQ(printed, (std::vector<std::string>{vline("quarvel_video_output_notify_ta_switch", "in"),
-                                                  vline("DRMSetUnmute", "unmute(0)"), vline("GetDTV_DRM_Info", "in"),
-                                                  vline("GetDTV_DRM_Info", "core_v4l2_open failed :errno(2)"),
-                                                  vline("quarvel_video_output_notify_ta_switch",
-                                                        "get dtv drm failed")}));
+    EXPECT_EQ(printed,
+              (std::vector<std::string>{
+                  vline("quarvel_video_output_notify_ta_switch", "in"), vline("DRMSetUnmute", "unmute(0)"),
+                  vline("GetDTV_DRM_Info", "in"), vline("GetDTV_DRM_Info", "core_v4l2_open failed :errno(2)"),
+                  vline("quarvel_video_output_notify_ta_switch", "get dtv drm failed")}));
     EXPECT_TRUE(tv().drm().muted[35]);
     EXPECT_TRUE(output_->m_ta_switch);
     EXPECT_STREQ(getenv("TA_DTV_PRELOAD"), "1");
@@ -275,7 +285,8 @@ TEST_F(BroadcastHandback, failed_frame_request_leaves_the_decoder_descriptor_ope
     EXPECT_EQ(printed[printed.size() - 2],
               vline("GetDTV_DRM_Info", "V4L2_CID_GET_DISPLAY_FRAME_INFO failed: errno(22)"));
     EXPECT_EQ(emutv::process_open_descriptors(), fds_before + 1);
-    for (const auto& e : tv().events("close")) EXPECT_NE(e.device, Device::Decoder);
+    for (const auto& e : tv().events("close"))
+        EXPECT_NE(e.device, Device::Decoder);
     EXPECT_STREQ(getenv("TA_DTV_PRELOAD"), "1");
 }
 
@@ -284,7 +295,8 @@ struct StepFault {
     const char* message;
 };
 
-class BroadcastHandbackStepFails : public BroadcastHandback, public ::testing::WithParamInterface<StepFault> {};
+class BroadcastHandbackStepFails : public BroadcastHandback,
+                                   public ::testing::WithParamInterface<StepFault> {};
 
 TEST_P(BroadcastHandbackStepFails, logs_and_keeps_the_switch_pending) {
     const StepFault& f = GetParam();
@@ -339,7 +351,8 @@ TEST_F(BroadcastHandback, thread_creation_failure_is_logged_and_the_switch_goes_
     quarvel_video_output_notify_ta_switch(output_);
     auto printed = lines();
     ASSERT_GE(printed.size(), 2u);
-    EXPECT_EQ(printed[1], vline("quarvel_video_output_notify_ta_switch", "audio_mute_thread creation failed!"));
+    EXPECT_EQ(printed[1],
+              vline("quarvel_video_output_notify_ta_switch", "audio_mute_thread creation failed!"));
     EXPECT_EQ(printed.back(), vline("DRMSetUnmute", "unmute(1)"));
     EXPECT_EQ(tv().sound().writes.size(), 0u);
     EXPECT_STREQ(getenv("TA_DTV_PRELOAD"), "");

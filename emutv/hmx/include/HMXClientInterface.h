@@ -5,7 +5,7 @@
 #include <stdint.h>
 
 class HMXParam {
-public:
+  public:
     HMXParam();
     ~HMXParam();
     HMXParam(const HMXParam&) = delete;
@@ -19,7 +19,7 @@ public:
     // Used by the service side to fill a reply.
     void setData(const uint8_t* bytes, size_t size);
 
-private:
+  private:
     uint8_t* m_data;
     size_t m_size;
     size_t m_capacity;
@@ -27,12 +27,12 @@ private:
 };
 
 class HMXClientInterface {
-public:
+  public:
     HMXClientInterface(const char* service_name, int flags);
     virtual ~HMXClientInterface();
     virtual int transact(unsigned code, HMXParam& data, HMXParam* reply, unsigned flags);
 
-private:
+  private:
     char m_service[64];
     int m_flags;
 };

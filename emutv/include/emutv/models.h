@@ -17,7 +17,7 @@
 namespace emutv {
 
 class DeviceModel {
-public:
+  public:
     virtual ~DeviceModel() = default;
     virtual Device kind() const = 0;
     virtual void reset() = 0;
@@ -65,7 +65,7 @@ struct DrmPlane {
 };
 
 class DrmModel : public DeviceModel {
-public:
+  public:
     // Topology (defaults after reset: CRTC 42; connector 40 connected with current
     // encoder 41 -> CRTC 42 and no reported size; planes 31 OSDP, 32 GP, 35 DP_MAIN,
     // 36 DP_SUB, each with a "type" and a "plane_type" property).
@@ -108,7 +108,7 @@ public:
 // ---- Video-platform device ("/dev/qvl/qvkvplt") -------------------------------------------
 
 class VpltModel : public DeviceModel {
-public:
+  public:
     // Answers (defaults after reset: 59940 mHz, offset 0 s 1000000 ns, frames 2 and 1).
     int32_t vsync_hz = 59940;
     int32_t vsync_hz_ret = 0;
@@ -131,7 +131,7 @@ public:
 // ---- Dolby device ("/dev/kdolby") ---------------------------------------------------------
 
 class DolbyModel : public DeviceModel {
-public:
+  public:
     // When set, the driver rewrites the profile cell with this value.
     bool rewrite = false;
     int32_t rewrite_to = 0;
@@ -147,7 +147,7 @@ public:
 // ---- Frame converter ("/dev/qvkconverter") ------------------------------------------------
 
 class ConverterModel : public DeviceModel {
-public:
+  public:
     bool initialised = false;
     uint32_t conversions = 0;
     Device kind() const override { return Device::Converter; }
@@ -161,7 +161,7 @@ public:
 // ---- Broadcast decoder node ("/dev/video10") ----------------------------------------------
 
 class DecoderModel : public DeviceModel {
-public:
+  public:
     // The broadcast frame handed out for V4L2_CID_GET_DISPLAY_FRAME_INFO (576 bytes).
     std::array<uint8_t, 576> display_frame{};
     Device kind() const override { return Device::Decoder; }
@@ -180,7 +180,7 @@ struct MixerControl {
 };
 
 class SoundCardModel : public DeviceModel {
-public:
+  public:
     // Defaults after reset: "qvl speaker main gain", "qvl hp main gain",
     // "audio dec0 playback rate", "main out mute" (integer, one value each).
     std::vector<MixerControl> controls;
@@ -188,8 +188,8 @@ public:
         std::string name;
         long value;
     };
-    std::vector<Write> writes;  // every element write, in order
-    long value(const std::string& name) const;   // -1 when absent
+    std::vector<Write> writes;                     // every element write, in order
+    long value(const std::string& name) const;     // -1 when absent
     bool remove_control(const std::string& name);  // a card without this control
 
     Device kind() const override { return Device::SoundCtl; }
@@ -201,7 +201,7 @@ public:
 // ---- Compressed-offload device (path chosen by the test) ----------------------------------
 
 class ComprModel : public DeviceModel {
-public:
+  public:
     // Capabilities answered by SNDRV_COMPRESS_GET_CAPS.
     uint32_t min_fragment_size = 4096;
     uint32_t max_fragment_size = 65536;
@@ -219,9 +219,9 @@ public:
     std::map<uint32_t, uint32_t> metadata;  // key -> value[0] of the last SET_METADATA
     std::vector<uint8_t> params;            // last snd_compr_params as sent
     uint64_t bytes_written = 0;
-    std::vector<size_t> write_sizes;        // every write while recording is on
-    uint32_t starts = 0;                    // SNDRV_COMPRESS_START accepted
-    uint32_t stops = 0;                     // SNDRV_COMPRESS_STOP accepted
+    std::vector<size_t> write_sizes;  // every write while recording is on
+    uint32_t starts = 0;              // SNDRV_COMPRESS_START accepted
+    uint32_t stops = 0;               // SNDRV_COMPRESS_STOP accepted
 
     Device kind() const override { return Device::Compr; }
     void reset() override;

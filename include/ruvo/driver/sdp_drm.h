@@ -74,9 +74,9 @@ enum sdp_drm_plane_type {
 };
 
 // Driver-private request numbers (read-write, type 'd').
-#define DRM_IOCTL_SDP_GEM_HW_CREATE 0xC0186441u   /* 24 bytes, nr 0x41 */
-#define DRM_IOCTL_SDP_SET_DP_SOURCE 0xC2406451u   /* 576 bytes, nr 0x51 */
-#define DRM_IOCTL_SDP_SET_ONOFF 0xC00C6455u       /* 12 bytes, nr 0x55 */
+#define DRM_IOCTL_SDP_GEM_HW_CREATE 0xC0186441u /* 24 bytes, nr 0x41 */
+#define DRM_IOCTL_SDP_SET_DP_SOURCE 0xC2406451u /* 576 bytes, nr 0x51 */
+#define DRM_IOCTL_SDP_SET_ONOFF 0xC00C6455u     /* 12 bytes, nr 0x55 */
 
 #ifdef __cplusplus
 static_assert(sizeof(sdp_drm_gem_hw_create) == 24, "sdp_drm_gem_hw_create is 24 bytes");
@@ -85,7 +85,8 @@ static_assert(offsetof(sdp_drm_gem_hw_create, ret_size) == 16, "ret_size at 16")
 static_assert(sizeof(sdp_drm_onoff_param) == 12, "sdp_drm_onoff_param is 12 bytes");
 static_assert(offsetof(sdp_drm_onoff_param, onoff_flag) == 8, "onoff layout");
 static_assert(((DRM_IOCTL_SDP_SET_DP_SOURCE >> 16) & 0x3FFF) == sizeof(v4l2_drm), "source request size");
-static_assert(((DRM_IOCTL_SDP_SET_ONOFF >> 16) & 0x3FFF) == sizeof(sdp_drm_onoff_param), "onoff request size");
+static_assert(((DRM_IOCTL_SDP_SET_ONOFF >> 16) & 0x3FFF) == sizeof(sdp_drm_onoff_param),
+              "onoff request size");
 static_assert(((DRM_IOCTL_SDP_GEM_HW_CREATE >> 16) & 0x3FFF) == sizeof(sdp_drm_gem_hw_create),
               "gem request size");
 #endif
