@@ -61,6 +61,22 @@ void ExpectEnumeration(const std::vector<EnumEntry>& entries) {
         EXPECT_EQ(e.value, e.expected) << e.name;
 }
 
+struct FieldOffset {
+    size_t offset;
+    size_t expected;
+    const char* name;
+};
+
+#define FIELD(type, member, expected)                        \
+    FieldOffset {                                            \
+        offsetof(type, member), expected, #type "::" #member \
+    }
+
+void ExpectOffsets(const std::vector<FieldOffset>& fields) {
+    for (const auto& f : fields)
+        EXPECT_EQ(f.offset, f.expected) << f.name;
+}
+
 // ---- Request numbers ---------------------------------------------------------------------
 
 TEST(RequestNumbers, video_platform_command_is_read_write_36_bytes_type_V_number_4) {
@@ -134,15 +150,17 @@ TEST(RequestNumbers, dolby_vision_profile_request_is_read_write_type_0x60_number
 
 TEST(RecordLayout, video_platform_command_is_a_command_and_eight_addresses) {
     const size_t slot = sizeof(void*);
-    EXPECT_EQ(offsetof(ST_VPLT_IOC_CMD, enCmd), 0u);
-    EXPECT_EQ(offsetof(ST_VPLT_IOC_CMD, arg1), 1 * slot);
-    EXPECT_EQ(offsetof(ST_VPLT_IOC_CMD, arg2), 2 * slot);
-    EXPECT_EQ(offsetof(ST_VPLT_IOC_CMD, arg3), 3 * slot);
-    EXPECT_EQ(offsetof(ST_VPLT_IOC_CMD, arg4), 4 * slot);
-    EXPECT_EQ(offsetof(ST_VPLT_IOC_CMD, arg5), 5 * slot);
-    EXPECT_EQ(offsetof(ST_VPLT_IOC_CMD, arg6), 6 * slot);
-    EXPECT_EQ(offsetof(ST_VPLT_IOC_CMD, arg7), 7 * slot);
-    EXPECT_EQ(offsetof(ST_VPLT_IOC_CMD, ret), 8 * slot);
+    ExpectOffsets({
+        FIELD(ST_VPLT_IOC_CMD, enCmd, 0u),
+        FIELD(ST_VPLT_IOC_CMD, arg1, 1 * slot),
+        FIELD(ST_VPLT_IOC_CMD, arg2, 2 * slot),
+        FIELD(ST_VPLT_IOC_CMD, arg3, 3 * slot),
+        FIELD(ST_VPLT_IOC_CMD, arg4, 4 * slot),
+        FIELD(ST_VPLT_IOC_CMD, arg5, 5 * slot),
+        FIELD(ST_VPLT_IOC_CMD, arg6, 6 * slot),
+        FIELD(ST_VPLT_IOC_CMD, arg7, 7 * slot),
+        FIELD(ST_VPLT_IOC_CMD, ret, 8 * slot),
+    });
     EXPECT_EQ(sizeof(ST_VPLT_IOC_CMD), 9 * slot);
 #if defined(__arm__)
     EXPECT_EQ(sizeof(ST_VPLT_IOC_CMD), 36u);
@@ -152,9 +170,11 @@ TEST(RecordLayout, video_platform_command_is_a_command_and_eight_addresses) {
 
 TEST(RecordLayout, decoder_frame_descriptor_is_576_bytes) {
     EXPECT_EQ(sizeof(v4l2_drm), 576u);
-    EXPECT_EQ(offsetof(v4l2_drm, inputport), 0u);
-    EXPECT_EQ(offsetof(v4l2_drm, plane), 4u);
-    EXPECT_EQ(offsetof(v4l2_drm, u), 8u);
+    ExpectOffsets({
+        FIELD(v4l2_drm, inputport, 0u),
+        FIELD(v4l2_drm, plane, 4u),
+        FIELD(v4l2_drm, u, 8u),
+    });
     EXPECT_EQ(sizeof(v4l2_drm::u), 552u);
     EXPECT_EQ(offsetof(v4l2_drm, stereoscopic_info), 560u);
     EXPECT_EQ(offsetof(v4l2_drm, reserved), 568u);
@@ -163,15 +183,17 @@ TEST(RecordLayout, decoder_frame_descriptor_is_576_bytes) {
 
 TEST(RecordLayout, decoded_input_information_is_552_bytes) {
     EXPECT_EQ(sizeof(v4l2_drm_dec_info), 552u);
-    EXPECT_EQ(offsetof(v4l2_drm_dec_info, aspectratio), 0u);
-    EXPECT_EQ(offsetof(v4l2_drm_dec_info, hres), 4u);
-    EXPECT_EQ(offsetof(v4l2_drm_dec_info, vres), 8u);
-    EXPECT_EQ(offsetof(v4l2_drm_dec_info, effective_hres), 12u);
-    EXPECT_EQ(offsetof(v4l2_drm_dec_info, effective_vres), 16u);
-    EXPECT_EQ(offsetof(v4l2_drm_dec_info, framerate), 20u);
-    EXPECT_EQ(offsetof(v4l2_drm_dec_info, scantype), 24u);
-    EXPECT_EQ(offsetof(v4l2_drm_dec_info, bpp), 28u);
-    EXPECT_EQ(offsetof(v4l2_drm_dec_info, pFrame), 32u);
+    ExpectOffsets({
+        FIELD(v4l2_drm_dec_info, aspectratio, 0u),
+        FIELD(v4l2_drm_dec_info, hres, 4u),
+        FIELD(v4l2_drm_dec_info, vres, 8u),
+        FIELD(v4l2_drm_dec_info, effective_hres, 12u),
+        FIELD(v4l2_drm_dec_info, effective_vres, 16u),
+        FIELD(v4l2_drm_dec_info, framerate, 20u),
+        FIELD(v4l2_drm_dec_info, scantype, 24u),
+        FIELD(v4l2_drm_dec_info, bpp, 28u),
+        FIELD(v4l2_drm_dec_info, pFrame, 32u),
+    });
     EXPECT_EQ(sizeof(v4l2_drm_dec_info::pFrame), 480u);
     EXPECT_EQ(offsetof(v4l2_drm_dec_info, next_res), 512u);
     EXPECT_EQ(offsetof(v4l2_drm_dec_info, decoder_info), 544u);
@@ -179,79 +201,89 @@ TEST(RecordLayout, decoded_input_information_is_552_bytes) {
 
 TEST(RecordLayout, private_frame_information_is_120_bytes) {
     EXPECT_EQ(sizeof(v4l2_private_frame_info), 120u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, chip_id), 0u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, instance_id), 4u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, display_index), 8u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, showframe), 12u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, y_viraddr), 16u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, u_viraddr), 24u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, v_viraddr), 32u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, width), 40u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, height), 44u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, y_linesize), 48u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, u_linesize), 52u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, v_linesize), 56u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, startline), 60u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, endline), 64u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, colorformat), 68u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, framedone), 72u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, Keyframe), 76u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, dimension), 80u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, y_phyaddr), 88u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, u_phyaddr), 96u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, v_phyaddr), 104u);
-    EXPECT_EQ(offsetof(v4l2_private_frame_info, vsync_interval), 112u);
+    ExpectOffsets({
+        FIELD(v4l2_private_frame_info, chip_id, 0u),
+        FIELD(v4l2_private_frame_info, instance_id, 4u),
+        FIELD(v4l2_private_frame_info, display_index, 8u),
+        FIELD(v4l2_private_frame_info, showframe, 12u),
+        FIELD(v4l2_private_frame_info, y_viraddr, 16u),
+        FIELD(v4l2_private_frame_info, u_viraddr, 24u),
+        FIELD(v4l2_private_frame_info, v_viraddr, 32u),
+        FIELD(v4l2_private_frame_info, width, 40u),
+        FIELD(v4l2_private_frame_info, height, 44u),
+        FIELD(v4l2_private_frame_info, y_linesize, 48u),
+        FIELD(v4l2_private_frame_info, u_linesize, 52u),
+        FIELD(v4l2_private_frame_info, v_linesize, 56u),
+        FIELD(v4l2_private_frame_info, startline, 60u),
+        FIELD(v4l2_private_frame_info, endline, 64u),
+        FIELD(v4l2_private_frame_info, colorformat, 68u),
+        FIELD(v4l2_private_frame_info, framedone, 72u),
+        FIELD(v4l2_private_frame_info, Keyframe, 76u),
+        FIELD(v4l2_private_frame_info, dimension, 80u),
+        FIELD(v4l2_private_frame_info, y_phyaddr, 88u),
+        FIELD(v4l2_private_frame_info, u_phyaddr, 96u),
+        FIELD(v4l2_private_frame_info, v_phyaddr, 104u),
+        FIELD(v4l2_private_frame_info, vsync_interval, 112u),
+    });
 }
 
 TEST(RecordLayout, dynamic_resolution_information_is_32_bytes) {
     EXPECT_EQ(sizeof(v4l2_dynamic_res_info), 32u);
-    EXPECT_EQ(offsetof(v4l2_dynamic_res_info, next_frm_hres), 0u);
-    EXPECT_EQ(offsetof(v4l2_dynamic_res_info, next_frm_vres), 4u);
-    EXPECT_EQ(offsetof(v4l2_dynamic_res_info, max_hres), 8u);
-    EXPECT_EQ(offsetof(v4l2_dynamic_res_info, max_vres), 12u);
-    EXPECT_EQ(offsetof(v4l2_dynamic_res_info, crop_x), 16u);
-    EXPECT_EQ(offsetof(v4l2_dynamic_res_info, crop_y), 20u);
-    EXPECT_EQ(offsetof(v4l2_dynamic_res_info, crop_w), 24u);
-    EXPECT_EQ(offsetof(v4l2_dynamic_res_info, crop_h), 28u);
+    ExpectOffsets({
+        FIELD(v4l2_dynamic_res_info, next_frm_hres, 0u),
+        FIELD(v4l2_dynamic_res_info, next_frm_vres, 4u),
+        FIELD(v4l2_dynamic_res_info, max_hres, 8u),
+        FIELD(v4l2_dynamic_res_info, max_vres, 12u),
+        FIELD(v4l2_dynamic_res_info, crop_x, 16u),
+        FIELD(v4l2_dynamic_res_info, crop_y, 20u),
+        FIELD(v4l2_dynamic_res_info, crop_w, 24u),
+        FIELD(v4l2_dynamic_res_info, crop_h, 28u),
+    });
 }
 
 TEST(RecordLayout, external_input_information_is_72_bytes) {
     EXPECT_EQ(sizeof(v4l2_drm_extin_info), 72u);
-    EXPECT_EQ(offsetof(v4l2_drm_extin_info, src_info_send_flag), 0u);
-    EXPECT_EQ(offsetof(v4l2_drm_extin_info, htotal), 4u);
-    EXPECT_EQ(offsetof(v4l2_drm_extin_info, vtotal), 8u);
-    EXPECT_EQ(offsetof(v4l2_drm_extin_info, hactive), 12u);
-    EXPECT_EQ(offsetof(v4l2_drm_extin_info, vactive), 16u);
-    EXPECT_EQ(offsetof(v4l2_drm_extin_info, hactive_size), 20u);
-    EXPECT_EQ(offsetof(v4l2_drm_extin_info, vactive_size), 24u);
-    EXPECT_EQ(offsetof(v4l2_drm_extin_info, scantype), 28u);
-    EXPECT_EQ(offsetof(v4l2_drm_extin_info, oversampling), 32u);
-    EXPECT_EQ(offsetof(v4l2_drm_extin_info, framerate), 36u);
-    EXPECT_EQ(offsetof(v4l2_drm_extin_info, colorformat), 40u);
-    EXPECT_EQ(offsetof(v4l2_drm_extin_info, syncmode), 44u);
-    EXPECT_EQ(offsetof(v4l2_drm_extin_info, pcinput), 48u);
-    EXPECT_EQ(offsetof(v4l2_drm_extin_info, vrrinput), 52u);
-    EXPECT_EQ(offsetof(v4l2_drm_extin_info, freesync_max_framerate), 56u);
-    EXPECT_EQ(offsetof(v4l2_drm_extin_info, ntscpal_type), 60u);
-    EXPECT_EQ(offsetof(v4l2_drm_extin_info, dscinput), 64u);
-    EXPECT_EQ(offsetof(v4l2_drm_extin_info, clone_mux), 68u);
+    ExpectOffsets({
+        FIELD(v4l2_drm_extin_info, src_info_send_flag, 0u),
+        FIELD(v4l2_drm_extin_info, htotal, 4u),
+        FIELD(v4l2_drm_extin_info, vtotal, 8u),
+        FIELD(v4l2_drm_extin_info, hactive, 12u),
+        FIELD(v4l2_drm_extin_info, vactive, 16u),
+        FIELD(v4l2_drm_extin_info, hactive_size, 20u),
+        FIELD(v4l2_drm_extin_info, vactive_size, 24u),
+        FIELD(v4l2_drm_extin_info, scantype, 28u),
+        FIELD(v4l2_drm_extin_info, oversampling, 32u),
+        FIELD(v4l2_drm_extin_info, framerate, 36u),
+        FIELD(v4l2_drm_extin_info, colorformat, 40u),
+        FIELD(v4l2_drm_extin_info, syncmode, 44u),
+        FIELD(v4l2_drm_extin_info, pcinput, 48u),
+        FIELD(v4l2_drm_extin_info, vrrinput, 52u),
+        FIELD(v4l2_drm_extin_info, freesync_max_framerate, 56u),
+        FIELD(v4l2_drm_extin_info, ntscpal_type, 60u),
+        FIELD(v4l2_drm_extin_info, dscinput, 64u),
+        FIELD(v4l2_drm_extin_info, clone_mux, 68u),
+    });
 }
 
 TEST(RecordLayout, hardware_gem_create_is_24_bytes_with_the_size_at_16) {
     EXPECT_EQ(sizeof(sdp_drm_gem_hw_create), 24u);
-    EXPECT_EQ(offsetof(sdp_drm_gem_hw_create, e_flag), 0u);
-    EXPECT_EQ(offsetof(sdp_drm_gem_hw_create, userinfo), 4u);
-    EXPECT_EQ(offsetof(sdp_drm_gem_hw_create, handle), 8u);
-    EXPECT_EQ(offsetof(sdp_drm_gem_hw_create, pad), 12u);
-    EXPECT_EQ(offsetof(sdp_drm_gem_hw_create, ret_size), 16u);
+    ExpectOffsets({
+        FIELD(sdp_drm_gem_hw_create, e_flag, 0u),
+        FIELD(sdp_drm_gem_hw_create, userinfo, 4u),
+        FIELD(sdp_drm_gem_hw_create, handle, 8u),
+        FIELD(sdp_drm_gem_hw_create, pad, 12u),
+        FIELD(sdp_drm_gem_hw_create, ret_size, 16u),
+    });
     EXPECT_EQ(sizeof(sdp_drm_gem_hw_create::ret_size), 8u);
 }
 
 TEST(RecordLayout, on_off_parameter_is_12_bytes) {
     EXPECT_EQ(sizeof(sdp_drm_onoff_param), 12u);
-    EXPECT_EQ(offsetof(sdp_drm_onoff_param, plane_id), 0u);
-    EXPECT_EQ(offsetof(sdp_drm_onoff_param, set_func), 4u);
-    EXPECT_EQ(offsetof(sdp_drm_onoff_param, onoff_flag), 8u);
+    ExpectOffsets({
+        FIELD(sdp_drm_onoff_param, plane_id, 0u),
+        FIELD(sdp_drm_onoff_param, set_func, 4u),
+        FIELD(sdp_drm_onoff_param, onoff_flag, 8u),
+    });
 }
 
 TEST(RecordLayout, converter_records_hold_the_status_first) {

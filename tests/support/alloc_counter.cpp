@@ -3,8 +3,6 @@
 #include <errno.h>
 #include <string.h>
 
-#include <new>
-
 #include "emutv/emutv.h"
 
 extern "C" {
@@ -25,19 +23,16 @@ thread_local unsigned t_calloc_count = 0;
 thread_local unsigned t_calloc_trap_at = 0;
 thread_local ruvo_test::CallocTrap t_calloc_trap = ruvo_test::CallocTrap::None;
 
-// What the armed thread got from calloc, in order.
-void* g_calloc_returned[16384];
+// What the armed thread asked calloc for and got, in order.
+constexpr unsigned kMaxCallocs = 16384;
+void* g_calloc_returned[kMaxCallocs];
+size_t g_calloc_sizes[kMaxCallocs];
 unsigned g_calloc_returned_n = 0;
+size_t g_calloc_failed_size = 0;
 
 inline void count_allocation() {
     if (t_counting && !emutv::inside_emulator())
         t_allocations++;
-}
-
-void* checked(void* p) {
-    if (p == nullptr)
-        throw std::bad_alloc();
-    return p;
 }
 
 void* armed_calloc(size_t count, size_t size) {
@@ -45,6 +40,7 @@ void* armed_calloc(size_t count, size_t size) {
     void* p;
     if (index == t_calloc_trap_at && t_calloc_trap == ruvo_test::CallocTrap::Fail) {
         p = nullptr;
+        g_calloc_failed_size = count * size;
     } else if (index == t_calloc_trap_at && t_calloc_trap == ruvo_test::CallocTrap::Dirty) {
         p = __libc_malloc(count * size);
         if (p)
@@ -52,8 +48,11 @@ void* armed_calloc(size_t count, size_t size) {
     } else {
         p = __libc_calloc(count, size);
     }
-    if (g_calloc_returned_n < sizeof(g_calloc_returned) / sizeof(g_calloc_returned[0]))
-        g_calloc_returned[g_calloc_returned_n++] = p;
+    if (g_calloc_returned_n < kMaxCallocs) {
+        g_calloc_returned[g_calloc_returned_n] = p;
+        g_calloc_sizes[g_calloc_returned_n] = count * size;
+        g_calloc_returned_n++;
+    }
     return p;
 }
 
@@ -73,6 +72,7 @@ size_t AllocationCounter::stop() {
 
 void arm_calloc(CallocTrap trap, unsigned at) {
     g_calloc_returned_n = 0;
+    g_calloc_failed_size = 0;
     t_calloc_count = 0;
     t_calloc_trap = trap;
     t_calloc_trap_at = at;
@@ -88,6 +88,14 @@ unsigned calloc_ordinal_of(const void* p) {
         if (g_calloc_returned[i - 1] == p)
             return i;
     return 0;
+}
+
+size_t calloc_size_of(unsigned ordinal) {
+    return ordinal >= 1 && ordinal <= g_calloc_returned_n ? g_calloc_sizes[ordinal - 1] : 0;
+}
+
+size_t last_failed_size() {
+    return g_calloc_failed_size;
 }
 
 }  // namespace ruvo_test
@@ -133,32 +141,3 @@ int posix_memalign(void** out, size_t alignment, size_t size) {
 }
 
 }  // extern "C"
-
-void* operator new(size_t size) {
-    count_allocation();
-    return checked(__libc_malloc(size ? size : 1));
-}
-void* operator new[](size_t size) {
-    count_allocation();
-    return checked(__libc_malloc(size ? size : 1));
-}
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    count_allocation();
-    return __libc_malloc(size ? size : 1);
-}
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-    count_allocation();
-    return __libc_malloc(size ? size : 1);
-}
-void operator delete(void* p) noexcept {
-    __libc_free(p);
-}
-void operator delete[](void* p) noexcept {
-    __libc_free(p);
-}
-void operator delete(void* p, size_t) noexcept {
-    __libc_free(p);
-}
-void operator delete[](void* p, size_t) noexcept {
-    __libc_free(p);
-}

@@ -1,6 +1,35 @@
 #include "test_support.h"
 
+#include <stdio.h>
+
 #include <regex>
+
+namespace {
+
+// googletest prints a failed assertion on stdout, which the fixtures capture while a test
+// runs; the text would end up among the library's lines. Each failure is written to
+// stderr as well, where it stays in sight.
+class FailuresToStderr : public ::testing::EmptyTestEventListener {
+  public:
+    void OnTestPartResult(const ::testing::TestPartResult& result) override {
+        if (!result.failed())
+            return;
+        const char* file = result.file_name() != nullptr ? result.file_name() : "unknown file";
+        if (result.line_number() >= 0)
+            fprintf(stderr, "%s:%d: Failure\n%s\n", file, result.line_number(), result.message());
+        else
+            fprintf(stderr, "%s: Failure\n%s\n", file, result.message());
+        fflush(stderr);
+    }
+};
+
+// Every program that links the fixtures gets the listener, once, before main.
+const bool g_failures_to_stderr = [] {
+    ::testing::UnitTest::GetInstance()->listeners().Append(new FailuresToStderr);
+    return true;
+}();
+
+}  // namespace
 
 namespace ruvo_test {
 

@@ -19,19 +19,7 @@ using ::testing::ExitedWithCode;
 using Lines = std::vector<std::string>;
 
 // Connecting and binding the globals of the default test compositor.
-const Lines kConnect = {
-    "display.get_registry()",
-    "display.sync()",
-    "registry.bind(\"wl_compositor\", 1)",
-    "registry.bind(\"wp_viewporter\", 1)",
-    "registry.bind(\"wl_seat\", 1)",
-    "-> seat#0.capabilities(0)",
-    "registry.bind(\"xdg_wm_base\", 1)",
-    "registry.bind(\"zwp_linux_dmabuf_v1\", 3)",
-    "-> dmabuf#0.format(0x3231564e)",
-    "-> dmabuf#0.modifier(0x3231564e, 0x00000000, 0x00000000)",
-    "display.sync()",
-};
+const Lines& kConnect = ruvo_test::kConnectLog;
 
 // The window as an xdg toplevel.
 const Lines kWindow = {

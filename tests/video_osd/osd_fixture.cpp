@@ -8,6 +8,9 @@
 
 #include <chrono>
 #include <thread>
+#include <utility>
+
+#include "handle_catch.h"
 
 namespace video_osd {
 
@@ -121,7 +124,7 @@ void OsdTest::SetUp() {
 
 void OsdTest::TearDown() {
     tv().set_listener(nullptr);
-    StopCatching();
+    ruvo_test::stop_catching();
     CloseHandle();
     comp_.reset();
     unsetenv("TA_DTV_PRELOAD");
@@ -136,17 +139,8 @@ TestCompositor& OsdTest::StartCompositor(CompositorConfig cfg) {
 
 quarvel_video_output_s* OsdTest::OpenInTaMode(std::function<void(const emutv::Event&)> also) {
     descriptors_ = emutv::process_open_descriptors();
-    tv().set_listener([also](const emutv::Event& e) {
-        if (e.name == "DRM_IOCTL_MODE_GETRESOURCES" && CaughtHandle() != nullptr)
-            CaughtHandle()->m_is_ta = true;
-        if (also)
-            also(e);
-    });
-    CatchNextHandle();
-    quarvel_video_output_s* output = quarvel_video_output_open(false);
-    StopCatching();
-    tv().set_listener(nullptr);
-    EXPECT_TRUE(output == nullptr || output == CaughtHandle());
+    quarvel_video_output_s* output = ruvo_test::open_in_ta_mode(std::move(also));
+    EXPECT_TRUE(output == nullptr || output == ruvo_test::caught_handle());
     return output;
 }
 

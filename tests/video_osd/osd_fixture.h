@@ -2,9 +2,9 @@
 // renderer talks to a real Wayland compositor (libwayland-server on a private socket,
 // tests/wayland/test_compositor.h), with the chip's drivers emulated.
 //
-// Nothing in the library raises m_is_ta, so the handle is caught at its allocation (these
-// programs replace the global operator new, see osd_handle_catch.cpp) and the flag is raised
-// while open runs, once open has cleared it: at the first request of display discovery.
+// Nothing in the library raises m_is_ta, so the handle is caught at its allocation
+// (handle_catch.h) and the flag is raised while open runs, once open has cleared it: at
+// the first request of display discovery.
 //
 // The emulated frame-buffer descriptors all sit on /dev/null, so the compositor could not
 // tell them apart. After open each is given a file of its own (an anonymous memory file
@@ -27,13 +27,6 @@ namespace video_osd {
 
 using ruvo_test::CompositorConfig;
 using ruvo_test::TestCompositor;
-
-// Arms the replaced operator new: the next allocation of a handle-sized object on this
-// thread is remembered as the handle.
-void CatchNextHandle();
-// The handle caught since the last CatchNextHandle(), or null.
-quarvel_video_output_s* CaughtHandle();
-void StopCatching();
 
 // Sizes of the hardware frame buffers of one Y/C pair.
 constexpr int kLumaSize = 2211840;

@@ -1,66 +1,9 @@
-// The one renderer failure a first frame reports as -1: no memory for the window. This
-// program replaces calloc with a wrapper around the C library's own that fails one
-// chosen call of the thread that armed it; the call is found in a reference run of a
-// first frame (the ordinal of the calloc that returned the window).
-#include <string.h>
-
+// The one renderer failure a first frame reports as -1: no memory for the window. The
+// counting allocator's calloc trap (alloc_counter.h) fails one chosen call of the thread
+// that armed it; the call is found in a reference run of a first frame (the ordinal of
+// the calloc that returned the window).
+#include "alloc_counter.h"
 #include "osd_fixture.h"
-
-extern "C" {
-void* __libc_calloc(size_t count, size_t size);
-}
-
-namespace {
-
-thread_local bool t_armed = false;
-thread_local unsigned t_count = 0;
-thread_local unsigned t_fail_at = 0;
-
-// What the armed thread asked calloc for and got, in order (written by that thread only).
-constexpr unsigned kMaxCalls = 16384;
-void* g_returned[kMaxCalls];
-size_t g_sizes[kMaxCalls];
-unsigned g_calls = 0;
-size_t g_failed_size = 0;
-
-void arm(unsigned fail_at = 0) {
-    g_calls = 0;
-    g_failed_size = 0;
-    t_count = 0;
-    t_fail_at = fail_at;
-    t_armed = true;
-}
-
-void disarm() {
-    t_armed = false;
-}
-
-// 1-based ordinal of the armed calloc that returned `p` (the last one), 0 if none did.
-unsigned ordinal_of(const void* p) {
-    for (unsigned i = g_calls; i > 0; i--)
-        if (g_returned[i - 1] == p)
-            return i;
-    return 0;
-}
-
-}  // namespace
-
-extern "C" void* calloc(size_t count, size_t size) {
-    if (!t_armed)
-        return __libc_calloc(count, size);
-    const unsigned index = ++t_count;
-    void* p = nullptr;
-    if (index == t_fail_at)
-        g_failed_size = count * size;
-    else
-        p = __libc_calloc(count, size);
-    if (g_calls < kMaxCalls) {
-        g_returned[g_calls] = p;
-        g_sizes[g_calls] = count * size;
-        g_calls++;
-    }
-    return p;
-}
 
 namespace video_osd {
 namespace {
@@ -77,21 +20,21 @@ TEST_F(OsdWindowAlloc, no_memory_for_the_window_fails_the_first_frame_with_minus
     // Reference run on a first handle: which calloc of a first frame makes the window.
     ASSERT_NE(OpenReady(), nullptr);
     Frame first(1920, 1080);
-    arm();
+    ruvo_test::arm_calloc();
     ASSERT_EQ(quarvel_video_output_init_with_first_frame(output_, first.get()), 0);
-    disarm();
-    const unsigned window_call = ordinal_of(output_->m_window);
+    ruvo_test::disarm_calloc();
+    const unsigned window_call = ruvo_test::calloc_ordinal_of(output_->m_window);
     ASSERT_NE(window_call, 0u);
-    ASSERT_EQ(g_sizes[window_call - 1], sizeof(window));
+    ASSERT_EQ(ruvo_test::calloc_size_of(window_call), sizeof(window));
     CloseHandle();
     ASSERT_TRUE(comp().wait_disconnected());
 
     ASSERT_NE(OpenReady(), nullptr);
-    arm(window_call);
+    ruvo_test::arm_calloc(ruvo_test::CallocTrap::Fail, window_call);
     const int result = quarvel_video_output_init_with_first_frame(output_, first.get());
-    disarm();
+    ruvo_test::disarm_calloc();
 
-    EXPECT_EQ(g_failed_size, sizeof(window));
+    EXPECT_EQ(ruvo_test::last_failed_size(), sizeof(window));
     EXPECT_EQ(result, -1);
     EXPECT_EQ(output_->m_window, nullptr);
     EXPECT_FALSE(output_->m_first_frame_initialized);

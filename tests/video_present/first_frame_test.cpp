@@ -21,6 +21,16 @@ class FirstFrame : public VideoHandleTest {
         return source_record(copy);
     }
     std::vector<std::string> folded_lines() { return fold_flag_site(lines()); }
+    // What a first frame prints up to the change of source (with the profile line when the
+    // stream has a Dolby Vision profile), then `then`.
+    static std::vector<std::string> source_lines(int dv_profile, std::vector<std::string> then = {}) {
+        std::vector<std::string> out{vline(kInit, "in")};
+        if (dv_profile != kNoProfile)
+            out.push_back(vline("SetDVProfile", "dv_profile(" + std::to_string(dv_profile) + ")"));
+        out.push_back(vline("SetDpSource", "Source Changed:pre(14) -> cur(1)"));
+        return concat(out, then);
+    }
+    static constexpr int kNoProfile = -1;
     void expect_playback_flag_sent_once() {
         auto t = hmx_standin_transactions();
         ASSERT_EQ(t.size(), 1u);
@@ -67,10 +77,7 @@ TEST_F(FirstFrame, sets_profile_announces_the_format_takes_the_queue_and_hands_o
     // No rectangle yet: nothing to place.
     EXPECT_EQ(tv().count("DRM_IOCTL_MODE_SETPLANE"), 0u);
     expect_playback_flag_sent_once();
-    EXPECT_EQ(folded_lines(),
-              concat(std::vector<std::string>{vline(kInit, "in"), vline("SetDVProfile", "dv_profile(5)"),
-                                              vline("SetDpSource", "Source Changed:pre(14) -> cur(1)")},
-                     playback_flag_lines()));
+    EXPECT_EQ(folded_lines(), concat(source_lines(5), playback_flag_lines()));
 }
 
 TEST_F(FirstFrame, places_the_plane_when_the_browser_set_a_rectangle_before) {
@@ -86,14 +93,12 @@ TEST_F(FirstFrame, places_the_plane_when_the_browser_set_a_rectangle_before) {
     auto planes = tv().events("DRM_IOCTL_MODE_SETPLANE");
     EXPECT_EQ(planes[0].in, bytes_of(plane_record(r, 1920, 1080)));
     EXPECT_EQ(fold_flag_site(lines()),
-              concat(
-                  std::vector<std::string>{
-                      vline(kInit, "in"), vline("SetDpSource", "Source Changed:pre(14) -> cur(1)"),
-                      vline("SetPlane",
-                            "Set plane "
-                            "done.crtc_x(100),crtc_y(50),crtc_w(1280),s.crtc_h(720),src_w(1920),src_h(1080)"),
-                      vline("DRMSetUnmute", "unmute(1)")},
-                  playback_flag_lines()));
+              concat(source_lines(kNoProfile, {vline("SetPlane",
+                                                     "Set plane "
+                                                     "done.crtc_x(100),crtc_y(50),crtc_w(1280),s.crtc_h(720),"
+                                                     "src_w(1920),src_h(1080)"),
+                                               vline("DRMSetUnmute", "unmute(1)")}),
+                     playback_flag_lines()));
     expect_playback_flag_sent_once();
 }
 
@@ -196,10 +201,8 @@ TEST_F(FirstFrame, failing_first_source_returns_minus_2_keeps_the_profile_and_th
     EXPECT_FALSE(out_->m_queue_size_set);
     EXPECT_FALSE(out_->m_first_frame_initialized);
     EXPECT_EQ(lines(),
-              (std::vector<std::string>{
-                  vline(kInit, "in"), vline("SetDVProfile", "dv_profile(5)"),
-                  vline("SetDpSource", "Source Changed:pre(14) -> cur(1)"),
-                  vline("SetDpSource", "ioctl(DRM_IOCTL_SDP_SET_DP_SOURCE) failed: Input/output error")}));
+              source_lines(5, {vline("SetDpSource",
+                                     "ioctl(DRM_IOCTL_SDP_SET_DP_SOURCE) failed: Input/output error")}));
 
     tv().clear_events();
     EXPECT_EQ(quarvel_video_output_init_with_first_frame(out_, f.get()), 0);
@@ -220,9 +223,8 @@ TEST_F(FirstFrame, failing_queue_request_returns_minus_3_and_the_next_call_does_
     EXPECT_EQ(fr2ip_zero_queue_use_count(), 0);
     EXPECT_FALSE(out_->m_first_frame_initialized);
     EXPECT_EQ(lines(),
-              (std::vector<std::string>{
-                  vline(kInit, "in"), vline("SetDpSource", "Source Changed:pre(14) -> cur(1)"),
-                  vline("fr2ip_do_set_queue_size", "ioctl(SetDispQueueSize) failed: Input/output error")}));
+              source_lines(kNoProfile, {vline("fr2ip_do_set_queue_size",
+                                              "ioctl(SetDispQueueSize) failed: Input/output error")}));
 
     tv().clear_events();
     EXPECT_EQ(quarvel_video_output_init_with_first_frame(out_, f.get()), 0);
@@ -241,10 +243,8 @@ TEST_F(FirstFrame, queue_driver_status_5_returns_minus_3) {
     EXPECT_EQ(q[0].result, 0);
     EXPECT_EQ(q[0].field("status"), 5);
     EXPECT_EQ(fr2ip_zero_queue_use_count(), 0);
-    EXPECT_EQ(lines(),
-              (std::vector<std::string>{
-                  vline(kInit, "in"), vline("SetDpSource", "Source Changed:pre(14) -> cur(1)"),
-                  vline("fr2ip_do_set_queue_size", "EN_VPLT_IOC_FR2IP_SetDispQueueSize : ret = 5")}));
+    EXPECT_EQ(lines(), source_lines(kNoProfile, {vline("fr2ip_do_set_queue_size",
+                                                       "EN_VPLT_IOC_FR2IP_SetDispQueueSize : ret = 5")}));
     EXPECT_EQ(quarvel_video_output_init_with_first_frame(out_, f.get()), 0);
 }
 
@@ -267,10 +267,8 @@ TEST_F(FirstFrame, failing_second_source_returns_minus_4_and_the_next_call_works
     EXPECT_FALSE(out_->m_first_frame_initialized);
     EXPECT_TRUE(hmx_standin_transactions().empty());
     EXPECT_EQ(lines(),
-              (std::vector<std::string>{
-                  vline(kInit, "in"), vline("SetDVProfile", "dv_profile(5)"),
-                  vline("SetDpSource", "Source Changed:pre(14) -> cur(1)"),
-                  vline("SetDpSource", "ioctl(DRM_IOCTL_SDP_SET_DP_SOURCE) failed: Input/output error")}));
+              source_lines(5, {vline("SetDpSource",
+                                     "ioctl(DRM_IOCTL_SDP_SET_DP_SOURCE) failed: Input/output error")}));
 
     tv().clear_events();
     EXPECT_EQ(quarvel_video_output_init_with_first_frame(out_, f.get()), 0);
@@ -289,11 +287,10 @@ TEST_F(FirstFrame, failing_placement_returns_minus_5_but_the_stream_counts_as_st
     EXPECT_EQ(quarvel_video_output_init_with_first_frame(out_, f.get()), -5);
     EXPECT_TRUE(out_->m_first_frame_initialized);
     EXPECT_TRUE(hmx_standin_transactions().empty());  // the flag is not raised
-    EXPECT_EQ(lines(),
-              (std::vector<std::string>{
-                  vline(kInit, "in"), vline("SetDpSource", "Source Changed:pre(14) -> cur(1)"),
-                  vline("SetPlane", "ioctl(DRM_IOCTL_MODE_SETPLANE) failed: Device or resource busy"),
-                  vline("ApplyPositioning", "SetPlane failed")}));
+    EXPECT_EQ(lines(), source_lines(kNoProfile, {vline("SetPlane",
+                                                       "ioctl(DRM_IOCTL_MODE_SETPLANE) failed: "
+                                                       "Device or resource busy"),
+                                                 vline("ApplyPositioning", "SetPlane failed")}));
 
     // The first frame is not run again; the next placement retries the plane.
     tv().clear_events();
@@ -342,10 +339,7 @@ TEST_F(FirstFrame, a_reply_of_the_picture_quality_service_is_read_and_dropped) {
     TestFrame f(1920, 1080);
     EXPECT_EQ(quarvel_video_output_init_with_first_frame(out_, f.get()), 0);
     expect_playback_flag_sent_once();
-    EXPECT_EQ(fold_flag_site(lines()),
-              concat(std::vector<std::string>{vline(kInit, "in"),
-                                              vline("SetDpSource", "Source Changed:pre(14) -> cur(1)")},
-                     playback_flag_lines()));
+    EXPECT_EQ(fold_flag_site(lines()), concat(source_lines(kNoProfile), playback_flag_lines()));
 }
 
 TEST_F(FirstFrame, the_playback_flag_line_names_the_routine_twice_with_one_call_site) {
@@ -366,9 +360,7 @@ TEST_F(FirstFrame, the_playback_flag_print_ignores_the_debug_mask) {
     g_ruvo_logmask = RUVO_LOG_INFO;  // no error level
     TestFrame f(1920, 1080);
     EXPECT_EQ(quarvel_video_output_init_with_first_frame(out_, f.get()), 0);
-    EXPECT_EQ(lines(), (std::vector<std::string>{vline(kInit, "in"),
-                                                 vline("SetDpSource", "Source Changed:pre(14) -> cur(1)"),
-                                                 "HMX:set corvi playback flag"}));
+    EXPECT_EQ(lines(), source_lines(kNoProfile, {"HMX:set corvi playback flag"}));
     expect_playback_flag_sent_once();
 }
 

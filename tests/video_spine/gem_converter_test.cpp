@@ -51,6 +51,18 @@ class HardwareFrameBuffers : public SpineTest {
         gem_close.handle = handle;
         return gem_close;
     }
+    // Puts a luma buffer of this test's card at entry `entry` of `output`'s frame buffers
+    // (the other entries -1), then forgets what was sent and printed. Returns its descriptor.
+    int OneBufferAt(quarvel_video_output_s& output, int entry) {
+        output.m_drm_fd = drm_fd_;
+        const int fd = gem_hw_alloc(drm_fd_, kLumaSize, 0, true);
+        for (int& e : output.m_gem_buf)
+            e = -1;
+        output.m_gem_buf[entry] = fd;
+        tv().clear_events();
+        lines();
+        return fd;
+    }
     int drm_fd_ = -1;
     int descriptors_ = 0;
 };
@@ -224,14 +236,8 @@ TEST_F(HardwareFrameBuffers, release_skips_negative_entries_and_clears_all_six) 
 
 TEST_F(HardwareFrameBuffers, release_closes_the_descriptor_even_when_no_handle_comes_back) {
     quarvel_video_output_s output{};
-    output.m_drm_fd = drm_fd_;
-    const int fd = gem_hw_alloc(drm_fd_, kLumaSize, 0, true);
+    const int fd = OneBufferAt(output, 0);
     ASSERT_GE(fd, 0);
-    for (int& entry : output.m_gem_buf)
-        entry = -1;
-    output.m_gem_buf[0] = fd;
-    tv().clear_events();
-    lines();
     tv().fail("DRM_IOCTL_PRIME_FD_TO_HANDLE", EBADF);
     const int before = emutv::process_open_descriptors();
 
@@ -247,14 +253,7 @@ TEST_F(HardwareFrameBuffers, release_closes_the_descriptor_even_when_no_handle_c
 
 TEST_F(HardwareFrameBuffers, release_tries_the_handle_close_once) {
     quarvel_video_output_s output{};
-    output.m_drm_fd = drm_fd_;
-    const int fd = gem_hw_alloc(drm_fd_, kLumaSize, 0, true);
-    ASSERT_GE(fd, 0);
-    for (int& entry : output.m_gem_buf)
-        entry = -1;
-    output.m_gem_buf[5] = fd;
-    tv().clear_events();
-    lines();
+    ASSERT_GE(OneBufferAt(output, 5), 0);
     tv().fail("DRM_IOCTL_GEM_CLOSE", EIO, -1);
 
     gem_free(&output);

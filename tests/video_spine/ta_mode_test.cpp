@@ -1,16 +1,17 @@
 // The handle's TA mode (on-screen-display path with hardware frame buffers and the
 // converter). Nothing in the library sets m_is_ta, so these tests raise it on the handle
-// while open runs: the handle is caught at its allocation (this program replaces the
-// global allocator) and the flag is raised when discovery starts, after open cleared it.
+// while open runs: the handle is caught at its allocation (handle_catch.h) and the flag is
+// raised when discovery starts, after open cleared it.
 #include <drm.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <functional>
-#include <new>
 #include <algorithm>
+#include <functional>
+#include <utility>
 
+#include "handle_catch.h"
 #include "spine_fixture.h"
 
 using ruvo_test::vline;
@@ -18,26 +19,6 @@ using spine::bytes_of;
 using spine::only;
 using spine::SpineTest;
 using spine::operator+;
-
-namespace {
-
-bool g_catch_next_handle = false;
-quarvel_video_output_s* g_caught_handle = nullptr;
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    void* p = malloc(size == 0 ? 1 : size);
-    if (p == nullptr)
-        throw std::bad_alloc();
-    if (g_catch_next_handle && size == sizeof(quarvel_video_output_s)) {
-        g_catch_next_handle = false;
-        g_caught_handle = static_cast<quarvel_video_output_s*>(p);
-    }
-    return p;
-}
-
-// The C++ library's operator delete releases with free(), which matches the allocation above.
 
 namespace {
 
@@ -56,18 +37,20 @@ class TaMode : public SpineTest {
     // Opens a handle whose m_is_ta is raised as soon as discovery starts; `also` sees
     // every request too.
     quarvel_video_output_s* OpenInTaMode(std::function<void(const emutv::Event&)> also = nullptr) {
-        g_caught_handle = nullptr;
-        tv().set_listener([also](const emutv::Event& e) {
-            if (e.name == "DRM_IOCTL_MODE_GETRESOURCES" && g_caught_handle != nullptr)
-                g_caught_handle->m_is_ta = true;
-            if (also)
-                also(e);
-        });
-        g_catch_next_handle = true;
-        quarvel_video_output_s* output = quarvel_video_output_open(false);
-        g_catch_next_handle = false;
-        tv().set_listener(nullptr);
-        return output;
+        return ruvo_test::open_in_ta_mode(std::move(also));
+    }
+
+    // What an open that gave up on its pool sends and prints last: the HAL lookup of the
+    // close, then the devices closed.
+    static std::vector<std::string> GiveUpCalls() {
+        return {"dlopen", "close /dev/dri/card0", "close /dev/kdolby", "close /dev/qvl/qvkvplt"};
+    }
+    static std::vector<std::string> GiveUpLines() {
+        return std::vector<std::string>{"", vline("CloseDevice", "in")} + NoHalLines();
+    }
+    // The last `n` entries of `all`.
+    static std::vector<std::string> Last(const std::vector<std::string>& all, size_t n) {
+        return std::vector<std::string>(all.end() - n, all.end());
     }
 
     // The pool's requests for pairs [0, pairs), all succeeding.
@@ -104,7 +87,7 @@ TEST_F(TaMode, open_allocates_three_buffer_pairs_and_opens_the_converter) {
     quarvel_video_output_s* output = OpenInTaMode();
 
     ASSERT_NE(output, nullptr);
-    ASSERT_EQ(output, g_caught_handle);
+    ASSERT_EQ(output, ruvo_test::caught_handle());
     EXPECT_TRUE(output->m_is_ta);
     EXPECT_EQ(output->m_gem_buf_idx, 0);
     auto fds = ExportedDescriptors();
@@ -210,31 +193,26 @@ TEST_F(TaMode, luma_failure_still_requests_its_chroma_buffer_and_fails_open) {
     EXPECT_EQ(OpenInTaMode(), nullptr);
 
     auto all = calls();
-    const std::vector<std::string> tail = {"DRM_IOCTL_SDP_GEM_HW_CREATE -> ENOMEM",
-                                           "DRM_IOCTL_SDP_GEM_HW_CREATE",
-                                           "DRM_IOCTL_PRIME_HANDLE_TO_FD",
-                                           "dlopen",
-                                           "close /dev/dri/card0",
-                                           "close /dev/kdolby",
-                                           "close /dev/qvl/qvkvplt"};
+    const std::vector<std::string> tail =
+        std::vector<std::string>{"DRM_IOCTL_SDP_GEM_HW_CREATE -> ENOMEM", "DRM_IOCTL_SDP_GEM_HW_CREATE",
+                                 "DRM_IOCTL_PRIME_HANDLE_TO_FD"} +
+        GiveUpCalls();
     ASSERT_GE(all.size(), tail.size());
-    EXPECT_EQ(std::vector<std::string>(all.end() - tail.size(), all.end()), tail);
+    EXPECT_EQ(Last(all, tail.size()), tail);
     auto fds = ExportedDescriptors();
     ASSERT_EQ(fds.size(), 1u);
     auto printed = lines();
-    const std::vector<std::string> expected_tail = {
-        vline("quarvel_video_output_open", "alloc gem buffer"),
-        vline("gem_hw_alloc", "fail, index:0, isY:1, ret:-1."),
-        BufferLines(0, false, fds[0])[0],
-        "",
-        BufferLines(0, false, fds[0])[2],
-        vline("quarvel_video_output_open", "gem alloc failed, m_gem_buf:-1, " + std::to_string(fds[0]) + "."),
-        "",
-        vline("CloseDevice", "in"),
-        NoHalLines()[0],
-        NoHalLines()[1]};
+    const std::vector<std::string> expected_tail =
+        std::vector<std::string>{vline("quarvel_video_output_open", "alloc gem buffer"),
+                                 vline("gem_hw_alloc", "fail, index:0, isY:1, ret:-1."),
+                                 BufferLines(0, false, fds[0])[0],
+                                 "",
+                                 BufferLines(0, false, fds[0])[2],
+                                 vline("quarvel_video_output_open",
+                                       "gem alloc failed, m_gem_buf:-1, " + std::to_string(fds[0]) + ".")} +
+        GiveUpLines();
     ASSERT_GE(printed.size(), expected_tail.size());
-    EXPECT_EQ(std::vector<std::string>(printed.end() - expected_tail.size(), printed.end()), expected_tail);
+    EXPECT_EQ(Last(printed, expected_tail.size()), expected_tail);
     // The buffers already made are not released on this path.
     EXPECT_EQ(emutv::process_open_descriptors(), descriptors_ + 1);
     close(fds[0]);
@@ -251,27 +229,22 @@ TEST_F(TaMode, chroma_failure_after_a_good_luma_buffer_fails_open_after_both_req
     EXPECT_EQ(caught, nullptr);
     auto all = calls();
     const std::vector<std::string> tail =
-        PoolCalls(1) + std::vector<std::string>{"DRM_IOCTL_SDP_GEM_HW_CREATE",
-                                                "DRM_IOCTL_PRIME_HANDLE_TO_FD",
-                                                "DRM_IOCTL_SDP_GEM_HW_CREATE -> ENOSPC",
-                                                "dlopen",
-                                                "close /dev/dri/card0",
-                                                "close /dev/kdolby",
-                                                "close /dev/qvl/qvkvplt"};
+        PoolCalls(1) +
+        std::vector<std::string>{"DRM_IOCTL_SDP_GEM_HW_CREATE", "DRM_IOCTL_PRIME_HANDLE_TO_FD",
+                                 "DRM_IOCTL_SDP_GEM_HW_CREATE -> ENOSPC"} +
+        GiveUpCalls();
     ASSERT_GE(all.size(), tail.size());
-    EXPECT_EQ(std::vector<std::string>(all.end() - tail.size(), all.end()), tail);
+    EXPECT_EQ(Last(all, tail.size()), tail);
     auto fds = ExportedDescriptors();
     ASSERT_EQ(fds.size(), 3u);
     auto printed = lines();
-    const std::vector<std::string> expected_tail = {
-        vline("gem_hw_alloc", "fail, index:1, isY:0, ret:-1."),
-        vline("quarvel_video_output_open", "gem alloc failed, m_gem_buf:" + std::to_string(fds[2]) + ", -1."),
-        "",
-        vline("CloseDevice", "in"),
-        NoHalLines()[0],
-        NoHalLines()[1]};
+    const std::vector<std::string> expected_tail =
+        std::vector<std::string>{vline("gem_hw_alloc", "fail, index:1, isY:0, ret:-1."),
+                                 vline("quarvel_video_output_open",
+                                       "gem alloc failed, m_gem_buf:" + std::to_string(fds[2]) + ", -1.")} +
+        GiveUpLines();
     ASSERT_GE(printed.size(), expected_tail.size());
-    EXPECT_EQ(std::vector<std::string>(printed.end() - expected_tail.size(), printed.end()), expected_tail);
+    EXPECT_EQ(Last(printed, expected_tail.size()), expected_tail);
     EXPECT_EQ(tv().count("open"), 3u) << "the converter is not opened";
     EXPECT_EQ(emutv::process_open_descriptors(), descriptors_ + 3);
     for (int fd : fds)
@@ -326,10 +299,9 @@ TEST_F(TaMode, missing_converter_fails_open_and_leaves_the_pool) {
     EXPECT_EQ(OpenInTaMode(), nullptr);
 
     auto all = calls();
-    const std::vector<std::string> tail = {"open /dev/qvkconverter -> ENOENT", "dlopen",
-                                           "close /dev/dri/card0", "close /dev/kdolby",
-                                           "close /dev/qvl/qvkvplt"};
-    EXPECT_EQ(std::vector<std::string>(all.end() - tail.size(), all.end()), tail);
+    const std::vector<std::string> tail =
+        std::vector<std::string>{"open /dev/qvkconverter -> ENOENT"} + GiveUpCalls();
+    EXPECT_EQ(Last(all, tail.size()), tail);
     auto printed = lines();
     const std::vector<std::string> expected_tail = {
         vline("quarvel_video_output_open", "alloc gem buffer done"),
@@ -338,7 +310,7 @@ TEST_F(TaMode, missing_converter_fails_open_and_leaves_the_pool) {
         vline("CloseDevice", "in"),
         NoHalLines()[0],
         NoHalLines()[1]};
-    EXPECT_EQ(std::vector<std::string>(printed.end() - expected_tail.size(), printed.end()), expected_tail);
+    EXPECT_EQ(Last(printed, expected_tail.size()), expected_tail);
     auto fds = ExportedDescriptors();
     EXPECT_EQ(fds.size(), 6u);
     EXPECT_EQ(emutv::process_open_descriptors(), descriptors_ + 6);
@@ -352,10 +324,9 @@ TEST_F(TaMode, failed_converter_init_request_fails_open_and_leaves_the_converter
     EXPECT_EQ(OpenInTaMode(), nullptr);
 
     auto all = calls();
-    const std::vector<std::string> tail = {
-        "open /dev/qvkconverter", "CONVERTER_IOCTL_INIT -> EIO", "dlopen",
-        "close /dev/dri/card0",   "close /dev/kdolby",           "close /dev/qvl/qvkvplt"};
-    EXPECT_EQ(std::vector<std::string>(all.end() - tail.size(), all.end()), tail);
+    const std::vector<std::string> tail =
+        std::vector<std::string>{"open /dev/qvkconverter", "CONVERTER_IOCTL_INIT -> EIO"} + GiveUpCalls();
+    EXPECT_EQ(Last(all, tail.size()), tail);
     EXPECT_EQ(emutv::process_open_descriptors(), descriptors_ + 6 + 1);
     for (int fd : ExportedDescriptors())
         close(fd);

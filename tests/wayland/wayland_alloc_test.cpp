@@ -56,52 +56,25 @@ class AllocDeathTest : public RendererDeathTest {
 };
 
 TEST_F(AllocDeathTest, NoMemoryForTheDisplayRecordEndsTheProcess) {
-    EXPECT_EXIT(
-        {
-            stdout_into_stderr();
-            TestCompositor comp(cfg_);
-            comp.start();
-            arm_calloc(CallocTrap::Fail, o_.display);
-            wayland_render_init(&config_);
-        },
-        ExitedWithCode(1), "^" + vline_re("wayland_render_init", "in") + escape_re("out of memory\n") + "$");
+    EXPECT_EXIT(init_with_compositor(cfg_, [&] { arm_calloc(CallocTrap::Fail, o_.display); }),
+                ExitedWithCode(1),
+                "^" + vline_re("wayland_render_init", "in") + escape_re("out of memory\n") + "$");
 }
 
 TEST_F(AllocDeathTest, NoXdgSurfaceIsAFatalAssertion) {
-    EXPECT_DEATH(
-        {
-            stdout_into_stderr();
-            TestCompositor comp(cfg_);
-            comp.start();
-            arm_calloc(CallocTrap::Fail, o_.xdg_surface);
-            wayland_render_init(&config_);
-        },
-        "^" + vline_re("wayland_render_init", "in") + assertion_end_re("window->xdg_surface"));
+    EXPECT_DEATH(init_with_compositor(cfg_, [&] { arm_calloc(CallocTrap::Fail, o_.xdg_surface); }),
+                 "^" + vline_re("wayland_render_init", "in") + assertion_end_re("window->xdg_surface"));
 }
 
 TEST_F(AllocDeathTest, NoXdgToplevelIsAFatalAssertion) {
-    EXPECT_DEATH(
-        {
-            stdout_into_stderr();
-            TestCompositor comp(cfg_);
-            comp.start();
-            arm_calloc(CallocTrap::Fail, o_.xdg_toplevel);
-            wayland_render_init(&config_);
-        },
-        "^" + vline_re("wayland_render_init", "in") + assertion_end_re("window->xdg_toplevel"));
+    EXPECT_DEATH(init_with_compositor(cfg_, [&] { arm_calloc(CallocTrap::Fail, o_.xdg_toplevel); }),
+                 "^" + vline_re("wayland_render_init", "in") + assertion_end_re("window->xdg_toplevel"));
 }
 
 TEST_F(AllocDeathTest, SlotAlreadyHoldingABufferIsAFatalAssertion) {
     // A window that does not come zeroed: its first slot seems to hold a buffer.
-    EXPECT_DEATH(
-        {
-            stdout_into_stderr();
-            TestCompositor comp(cfg_);
-            comp.start();
-            arm_calloc(CallocTrap::Dirty, o_.window);
-            wayland_render_init(&config_);
-        },
-        "^" + vline_re("wayland_render_init", "in") + assertion_end_re("!buffer->buffer"));
+    EXPECT_DEATH(init_with_compositor(cfg_, [&] { arm_calloc(CallocTrap::Dirty, o_.window); }),
+                 "^" + vline_re("wayland_render_init", "in") + assertion_end_re("!buffer->buffer"));
 }
 
 class AllocTest : public RendererTest {};
@@ -121,16 +94,7 @@ TEST_F(AllocTest, NoMemoryForTheWindowReportsItAndLeavesTheConnectionOpen) {
     EXPECT_THAT(lines(), ElementsAre(vline("wayland_render_init", "in"),
                                      vline("create_window", "create window failed.")));
     EXPECT_EQ(comp().clients(), 1);
-    EXPECT_EQ(comp().requests(), (std::vector<std::string>{
-                                     "display.get_registry()",
-                                     "display.sync()",
-                                     "registry.bind(\"wl_compositor\", 1)",
-                                     "registry.bind(\"wp_viewporter\", 1)",
-                                     "registry.bind(\"wl_seat\", 1)",
-                                     "registry.bind(\"xdg_wm_base\", 1)",
-                                     "registry.bind(\"zwp_linux_dmabuf_v1\", 3)",
-                                     "display.sync()",
-                                 }));
+    EXPECT_EQ(comp().requests(), kConnectRequests);
 }
 
 }  // namespace

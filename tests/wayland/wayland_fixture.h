@@ -3,12 +3,14 @@
 // configuration, and a test compositor started per test.
 #pragma once
 
+#include <stdlib.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -78,6 +80,34 @@ inline st_wayland_render_config make_render_config(const FramePlanes& planes) {
     config.strides[1] = 1984;
     return config;
 }
+
+// What init sends first against the default compositor: the registry, the globals bound
+// at their versions, and the roundtrip after the dmabuf global.
+inline const std::vector<std::string> kConnectRequests = {
+    "display.get_registry()",
+    "display.sync()",
+    "registry.bind(\"wl_compositor\", 1)",
+    "registry.bind(\"wp_viewporter\", 1)",
+    "registry.bind(\"wl_seat\", 1)",
+    "registry.bind(\"xdg_wm_base\", 1)",
+    "registry.bind(\"zwp_linux_dmabuf_v1\", 3)",
+    "display.sync()",
+};
+
+// The same in the compositor's whole record, with its answers.
+inline const std::vector<std::string> kConnectLog = {
+    "display.get_registry()",
+    "display.sync()",
+    "registry.bind(\"wl_compositor\", 1)",
+    "registry.bind(\"wp_viewporter\", 1)",
+    "registry.bind(\"wl_seat\", 1)",
+    "-> seat#0.capabilities(0)",
+    "registry.bind(\"xdg_wm_base\", 1)",
+    "registry.bind(\"zwp_linux_dmabuf_v1\", 3)",
+    "-> dmabuf#0.format(0x3231564e)",
+    "-> dmabuf#0.modifier(0x3231564e, 0x00000000, 0x00000000)",
+    "display.sync()",
+};
 
 // The requests that create one dmabuf buffer of slot `slot` through params#<params>.
 inline std::vector<std::string> create_requests(int params, int slot, int width, int height, unsigned stride0,
@@ -157,6 +187,14 @@ class RendererTest : public PlatformTest {
     std::unique_ptr<TestCompositor> comp_;
 };
 
+// In a death-test child: standard output goes, unbuffered, where standard error goes, so
+// that the whole output of the child can be matched in order.
+inline void stdout_into_stderr() {
+    fflush(stdout);
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    setvbuf(stdout, nullptr, _IONBF, 0);
+}
+
 // Process-ending paths: the renderer runs in a death-test child, which starts its own
 // compositor there, so the parent stays single-threaded when it forks. Runtime
 // directories of the children are removed afterwards.
@@ -184,6 +222,27 @@ class RendererDeathTest : public ::testing::Test {
         return cfg;
     }
 
+    // In the death-test child: standard output into standard error, a compositor like
+    // `cfg` started there, `before_init` (when given), then init.
+    void init_with_compositor(const CompositorConfig& cfg,
+                              const std::function<void()>& before_init = nullptr) {
+        stdout_into_stderr();
+        TestCompositor comp(cfg);
+        comp.start();
+        if (before_init)
+            before_init();
+        wayland_render_init(&config_);
+    }
+    // In the death-test child: standard output into standard error, then init against a
+    // socket name in the runtime directory that no compositor serves.
+    void init_without_compositor(const char* socket) {
+        stdout_into_stderr();
+        setenv("XDG_RUNTIME_DIR", base_.c_str(), 1);
+        setenv("WAYLAND_DISPLAY", socket, 1);
+        unsetenv("WAYLAND_SOCKET");
+        wayland_render_init(&config_);
+    }
+
     FramePlanes planes_;
     st_wayland_render_config config_;
     std::string base_;
@@ -209,14 +268,6 @@ inline std::string vline_re(const std::string& func, const std::string& text) {
 // regular expression. Under user-mode emulation qemu adds a line of its own after it.
 inline std::string assertion_end_re(const std::string& expression) {
     return "[^\n]*: Assertion `" + escape_re(expression) + "' failed\\.\n(qemu: [^\n]*\n)?$";
-}
-
-// In a death-test child: standard output goes, unbuffered, where standard error goes, so
-// that the whole output of the child can be matched in order.
-inline void stdout_into_stderr() {
-    fflush(stdout);
-    dup2(STDERR_FILENO, STDOUT_FILENO);
-    setvbuf(stdout, nullptr, _IONBF, 0);
 }
 
 }  // namespace ruvo_test

@@ -13,16 +13,26 @@ using ::testing::ExitedWithCode;
 using WindowTest = RendererTest;
 using WindowDeathTest = RendererDeathTest;
 
-const std::vector<std::string> kConnect = {
-    "display.get_registry()",
-    "display.sync()",
-    "registry.bind(\"wl_compositor\", 1)",
-    "registry.bind(\"wp_viewporter\", 1)",
-    "registry.bind(\"wl_seat\", 1)",
-    "registry.bind(\"xdg_wm_base\", 1)",
-    "registry.bind(\"zwp_linux_dmabuf_v1\", 3)",
-    "display.sync()",
-};
+// The three creations of slots 0, 1 and 2 through params#<first_params> onwards.
+std::vector<std::string> create_all_slots(int first_params, int width, int height, unsigned stride0,
+                                          unsigned stride1, unsigned flags = 0) {
+    return concat({create_requests(first_params, 0, width, height, stride0, stride1, flags),
+                   create_requests(first_params + 1, 1, width, height, stride0, stride1, flags),
+                   create_requests(first_params + 2, 2, width, height, stride0, stride1, flags)});
+}
+
+// What a redraw sends when it renews slot `slot` after a lazy re-creation: the destroy of
+// buffer#<old_buffer>, the creation through params#<params> with the configured strides and
+// its roundtrip, then the frame drawn on the new buffer#<params>.
+std::vector<std::string> renewed_and_drawn(int old_buffer, int params, int slot, int width, int height,
+                                           int callback) {
+    const std::string n = std::to_string(params);
+    return concat({{"buffer#" + std::to_string(old_buffer) + ".destroy()"},
+                   create_requests(params, slot, width, height, 1920, 1984),
+                   {"display.sync()"},
+                   {"params#" + n + ".destroy()"},
+                   draw_requests("buffer#" + n, width, height, callback)});
+}
 
 // ---------------------------------------------------------------------------------------
 // Init
@@ -33,7 +43,7 @@ TEST_F(WindowTest, InitMakesAToplevelAndAsksForThreeOneByOneBuffers) {
     window* w = wayland_render_init(&config_);
     ASSERT_NE(w, nullptr);
 
-    EXPECT_EQ(comp().requests(), concat({kConnect,
+    EXPECT_EQ(comp().requests(), concat({kConnectRequests,
                                          {
                                              "compositor#0.create_surface(surface#0)",
                                              "viewporter#0.get_viewport(viewport#0, surface#0)",
@@ -43,9 +53,7 @@ TEST_F(WindowTest, InitMakesAToplevelAndAsksForThreeOneByOneBuffers) {
                                              "surface#0.commit()",
                                              "toplevel#0.set_app_id(\"order_1\")",
                                          },
-                                         create_requests(0, 0, 1, 1, 64, 64),
-                                         create_requests(1, 1, 1, 1, 64, 64),
-                                         create_requests(2, 2, 1, 1, 64, 64),
+                                         create_all_slots(0, 1, 1, 64, 64),
                                          {"display.sync()"}}));
     EXPECT_EQ(comp().events(), (std::vector<std::string>{
                                    "seat#0.capabilities(0)",
@@ -128,9 +136,7 @@ TEST_F(WindowTest, FullscreenShellPresentsTheSurfaceWithoutXdgRoles) {
                                              "viewporter#0.get_viewport(viewport#0, surface#0)",
                                              "fshell#0.present_surface(surface#0, 0, null)",
                                          },
-                                         create_requests(0, 0, 1, 1, 64, 64),
-                                         create_requests(1, 1, 1, 1, 64, 64),
-                                         create_requests(2, 2, 1, 1, 64, 64),
+                                         create_all_slots(0, 1, 1, 64, 64),
                                          {"display.sync()"}}));
     EXPECT_EQ(w->xdg_surface, nullptr);
     EXPECT_EQ(w->xdg_toplevel, nullptr);
@@ -315,21 +321,9 @@ TEST_F(WindowTest, LazyRecreateRenewsEachSlotAtItsNextRedrawWithTheConfiguredStr
     EXPECT_EQ(w->display->format.strides[0], 1920u);
     EXPECT_EQ(w->display->format.strides[1], 1984u);
 
-    EXPECT_EQ(comp().requests(), concat({{"buffer#0.destroy()"},
-                                         create_requests(3, 0, 1920, 1080, 1920, 1984),
-                                         {"display.sync()"},
-                                         {"params#3.destroy()"},
-                                         draw_requests("buffer#3", 1920, 1080, 0),
-                                         {"buffer#1.destroy()"},
-                                         create_requests(4, 1, 1920, 1080, 1920, 1984),
-                                         {"display.sync()"},
-                                         {"params#4.destroy()"},
-                                         draw_requests("buffer#4", 1920, 1080, 1),
-                                         {"buffer#2.destroy()"},
-                                         create_requests(5, 2, 1920, 1080, 1920, 1984),
-                                         {"display.sync()"},
-                                         {"params#5.destroy()"},
-                                         draw_requests("buffer#5", 1920, 1080, 2)}));
+    EXPECT_EQ(comp().requests(),
+              concat({renewed_and_drawn(0, 3, 0, 1920, 1080, 0), renewed_and_drawn(1, 4, 1, 1920, 1080, 1),
+                      renewed_and_drawn(2, 5, 2, 1920, 1080, 2)}));
     EXPECT_THAT(lines(),
                 ElementsAre(vline("wayland_render_redraw", "in"),
                             vline("wayland_render_redraw", "need_re_create_cnt(3) index(0)"),
@@ -364,22 +358,9 @@ TEST_F(WindowTest, LazyRecreateCountsRedrawsWhateverTheirIndex) {
     EXPECT_EQ(w->need_re_create_cnt, 0);
     wayland_render_redraw(w, 1);
 
-    EXPECT_EQ(comp().requests(), concat({{"buffer#1.destroy()"},
-                                         create_requests(3, 1, 1280, 720, 1920, 1984),
-                                         {"display.sync()"},
-                                         {"params#3.destroy()"},
-                                         draw_requests("buffer#3", 1280, 720, 0),
-                                         {"buffer#3.destroy()"},
-                                         create_requests(4, 1, 1280, 720, 1920, 1984),
-                                         {"display.sync()"},
-                                         {"params#4.destroy()"},
-                                         draw_requests("buffer#4", 1280, 720, 1),
-                                         {"buffer#4.destroy()"},
-                                         create_requests(5, 1, 1280, 720, 1920, 1984),
-                                         {"display.sync()"},
-                                         {"params#5.destroy()"},
-                                         draw_requests("buffer#5", 1280, 720, 2),
-                                         draw_requests("buffer#5", 1280, 720, 3)}));
+    EXPECT_EQ(comp().requests(),
+              concat({renewed_and_drawn(1, 3, 1, 1280, 720, 0), renewed_and_drawn(3, 4, 1, 1280, 720, 1),
+                      renewed_and_drawn(4, 5, 1, 1280, 720, 2), draw_requests("buffer#5", 1280, 720, 3)}));
     // Slots 0 and 2 keep their first 1 x 1 buffers.
     comp().clear_log();
     wayland_render_redraw(w, 0);
@@ -503,10 +484,7 @@ TEST_F(WindowTest, YInvertOptionSetsTheCreateFlag) {
 
     wayland_render_re_create_dmabuf_buffer_directly(w, 640, 480);
 
-    EXPECT_EQ(comp().requests(), concat({create_requests(3, 0, 640, 480, 1920, 1984, 1),
-                                         create_requests(4, 1, 640, 480, 1920, 1984, 1),
-                                         create_requests(5, 2, 640, 480, 1920, 1984, 1),
-                                         {"display.sync()"}}));
+    EXPECT_EQ(comp().requests(), concat({create_all_slots(3, 640, 480, 1920, 1984, 1), {"display.sync()"}}));
     wayland_render_deinit(w);
 }
 
@@ -565,10 +543,7 @@ TEST_F(WindowTest, DirectDisplayOptionWithoutTheGlobalKeepsYInvert) {
 
     wayland_render_re_create_dmabuf_buffer_directly(w, 640, 480);
 
-    EXPECT_EQ(comp().requests(), concat({create_requests(3, 0, 640, 480, 1920, 1984, 1),
-                                         create_requests(4, 1, 640, 480, 1920, 1984, 1),
-                                         create_requests(5, 2, 640, 480, 1920, 1984, 1),
-                                         {"display.sync()"}}));
+    EXPECT_EQ(comp().requests(), concat({create_all_slots(3, 640, 480, 1920, 1984, 1), {"display.sync()"}}));
     EXPECT_THAT(lines(),
                 ElementsAre(vline("wayland_render_re_create_dmabuf_buffer_directly", "in, w(640) h(480)")));
     wayland_render_deinit(w);
@@ -755,14 +730,8 @@ TEST_F(WindowDeathTest, NoShellAtAllIsAFatalAssertion) {
     CompositorConfig cfg = config_in_base();
     cfg.xdg_wm_base = false;
     cfg.fullscreen_shell = false;
-    EXPECT_DEATH(
-        {
-            stdout_into_stderr();
-            TestCompositor comp(cfg);
-            comp.start();
-            wayland_render_init(&config_);
-        },
-        "^" + vline_re("wayland_render_init", "in") + assertion_end_re("0"));
+    EXPECT_DEATH(init_with_compositor(cfg),
+                 "^" + vline_re("wayland_render_init", "in") + assertion_end_re("0"));
 }
 
 }  // namespace
