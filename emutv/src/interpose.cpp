@@ -32,6 +32,13 @@ Fn real(const char* name) {
     return reinterpret_cast<Fn>(sym);
 }
 
+// Where a sandboxed path really lives (empty when it is not sandboxed). Worked out inside
+// the emulator, so that allocation counters do not see the mapping.
+std::string mapped_path(const char* path) {
+    Inside inside;
+    return emutv::detail::sandbox_map(path);
+}
+
 bool owns_path(const std::string& p) {
     auto& c = core();
     if (c.node_device.count(p)) return true;
@@ -45,13 +52,13 @@ bool owns_path(const std::string& p) {
 // Opens an emulated device node. Returns true when the emulator owns the path.
 bool emulated_open(const char* path, int flags, int* result) {
     if (path == nullptr) return false;
+    Inside inside;
     auto& c = core();
     std::string p(path);
     {
         std::lock_guard<std::recursive_mutex> g(c.mu);
         if (!owns_path(p)) return false;
     }
-    Inside inside;
     std::lock_guard<std::recursive_mutex> g(c.mu);
     auto dev_it = c.node_device.find(p);
     Device dev = dev_it == c.node_device.end() ? Device::None : dev_it->second;
@@ -92,7 +99,7 @@ template <typename Fn>
 int open_with(const char* sym, const char* path, int flags, int mode) {
     int fd;
     if (emulated_open(path, flags, &fd)) return fd;
-    std::string mapped = emutv::detail::sandbox_map(path);
+    std::string mapped = mapped_path(path);
     return real<Fn>(sym)(mapped.empty() ? path : mapped.c_str(), flags, mode);
 }
 
@@ -100,7 +107,7 @@ template <typename Fn>
 int openat_with(const char* sym, int dirfd, const char* path, int flags, int mode) {
     int fd;
     if (path && (path[0] == '/' || dirfd == AT_FDCWD) && emulated_open(path, flags, &fd)) return fd;
-    std::string mapped = emutv::detail::sandbox_map(path);
+    std::string mapped = mapped_path(path);
     return real<Fn>(sym)(dirfd, mapped.empty() ? path : mapped.c_str(), flags, mode);
 }
 
@@ -200,12 +207,20 @@ int emulated_close(int fd) {
     ev.path = it->second.path;
     ev.fd = fd;
     ev.name = "close";
+    Fault fault;
+    const bool faulted = c.take_fault("close:" + ev.path, &fault) && !fault.is_status;
     if (it->second.model) it->second.model->on_close(fd);
     c.files.erase(it);
     c.emulated[fd].store(0);
     int r = emutv::detail::sys_close(fd);
+    // A failing close still releases the descriptor, as Linux does.
+    if (faulted) {
+        r = -1;
+        ev.err = fault.err;
+    }
     ev.result = r;
     c.record(std::move(ev));
+    if (faulted) errno = fault.err;
     return r;
 }
 
@@ -292,25 +307,25 @@ EMUTV_EXPORT ssize_t write(int fd, const void* buf, size_t n) {
 }
 
 EMUTV_EXPORT FILE* fopen(const char* path, const char* mode) {
-    std::string mapped = emutv::detail::sandbox_map(path);
+    std::string mapped = mapped_path(path);
     static auto real_fopen = real<FILE* (*)(const char*, const char*)>("fopen");
     return real_fopen(mapped.empty() ? path : mapped.c_str(), mode);
 }
 
 EMUTV_EXPORT FILE* fopen64(const char* path, const char* mode) {
-    std::string mapped = emutv::detail::sandbox_map(path);
+    std::string mapped = mapped_path(path);
     static auto real_fopen64 = real<FILE* (*)(const char*, const char*)>("fopen64");
     return real_fopen64(mapped.empty() ? path : mapped.c_str(), mode);
 }
 
 EMUTV_EXPORT int stat(const char* path, struct stat* st) __THROW {
-    std::string mapped = emutv::detail::sandbox_map(path);
+    std::string mapped = mapped_path(path);
     static auto real_stat = real<int (*)(const char*, struct stat*)>("stat");
     return real_stat(mapped.empty() ? path : mapped.c_str(), st);
 }
 
 EMUTV_EXPORT int stat64(const char* path, struct stat64* st) __THROW {
-    std::string mapped = emutv::detail::sandbox_map(path);
+    std::string mapped = mapped_path(path);
     static auto real_stat64 = real<int (*)(const char*, struct stat64*)>("stat64");
     return real_stat64(mapped.empty() ? path : mapped.c_str(), st);
 }

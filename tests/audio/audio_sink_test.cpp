@@ -199,7 +199,7 @@ TEST_F(AudioSink, failed_cddts_metadata_returns_minus_4) {
 
 TEST_F(AudioSink, repeated_setup_keeps_the_frame_counters) {
     open_and_setup(2, 48000);
-    std::vector<unsigned char> block(400);
+    std::vector<unsigned char> block(400 + 8);  // payload and header bytes, one block
     ASSERT_EQ(quarvel_audio_output_push_data(output_, block.data(), 400, 8), 0);
     quarvel_audio_output_setup_params_s params{1, 32000, {}};
     EXPECT_EQ(quarvel_audio_output_setup(output_, &params), 0);

@@ -1,11 +1,12 @@
 // Fuzzes rectangles through set_rect, before and after the first frame, interleaved with
-// frames of changing aspect.
+// frames of changing aspect. Input: a sequence of 24-byte rectangles.
 #include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ruvo_fuzz::quiet_platform();
     quarvel_video_output_s* output = quarvel_video_output_open(false);
-    if (output == nullptr) return 0;
+    if (output == nullptr)
+        return 0;
 
     v4l2_drm desc;
     memset(&desc, 0, sizeof(desc));
@@ -21,10 +22,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         quarvel_video_output_rect_s rect;
         memcpy(&rect, data + off, kRect);
         quarvel_video_output_set_rect(output, &rect);
-        if (n == 1) quarvel_video_output_init_with_first_frame(output, &frame);
+        if (n == 1)
+            quarvel_video_output_init_with_first_frame(output, &frame);
         if (n % 3 == 2) {
+            // The content changes aspect (and, every fourth time, goes away).
             desc.u.dec_info.aspectratio = static_cast<v4l2_aspectratio_type>(1 + (rect.dar_w & 3));
-            quarvel_video_output_push_frame_to_display(output, &frame);
+            quarvel_video_output_push_frame_to_display(output, (rect.dar_h & 3) == 3 ? nullptr : &frame);
         }
     }
     quarvel_video_output_close(output);

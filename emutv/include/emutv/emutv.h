@@ -90,7 +90,8 @@ public:
     void set_hal(HalMode mode);
     HalMode hal() const;
 
-    // Scripted failures, matched by request name (Event::name; "open:<path>" for an open).
+    // Scripted failures, matched by request name (Event::name; "open:<path>" for an open,
+    // "close:<path>" for a close, which releases the descriptor all the same).
     // `times` = -1 fails for ever. An errno failure makes the request return -1 without
     // reaching the driver; a status failure lets the driver work and then writes `status`
     // into the record's own result cell (video-platform `ret`, converter `u32Retval`).

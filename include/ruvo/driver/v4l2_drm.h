@@ -4,7 +4,17 @@
 #include <stddef.h>
 #include <stdint.h>
 
-enum v4l2_drm_inputport_type {
+// The decoder may put any 32-bit value in the enumerated fields, values beyond the
+// enumerators included (an unknown aspect, a port number of a newer chip). In C++ each
+// enumeration has a fixed 32-bit underlying type, so that every such value is one the
+// field can hold and reading it is well defined.
+#ifdef __cplusplus
+#define V4L2_DRM_FIELD_ENUM(name) enum name : uint32_t
+#else
+#define V4L2_DRM_FIELD_ENUM(name) enum name
+#endif
+
+V4L2_DRM_FIELD_ENUM(v4l2_drm_inputport_type) {
     V4L2_DRM_INPUTPORT_TYPE_DTV = 0,
     V4L2_DRM_INPUTPORT_TYPE_MM,
     V4L2_DRM_INPUTPORT_TYPE_ATV,
@@ -22,14 +32,14 @@ enum v4l2_drm_inputport_type {
     V4L2_DRM_INPUTPORT_TYPE_MAX,
 };
 
-enum v4l2_aspectratio_type {
+V4L2_DRM_FIELD_ENUM(v4l2_aspectratio_type) {
     V4L2_ASPECTRATIO_TYPE_100_100 = 1,
     V4L2_ASPECTRATIO_TYPE_300_400 = 2,
     V4L2_ASPECTRATIO_TYPE_900_1600 = 3,
     V4L2_ASPECTRATIO_TYPE_100_221 = 4,
 };
 
-enum v4l2_drm_colorformat_type {
+V4L2_DRM_FIELD_ENUM(v4l2_drm_colorformat_type) {
     V4L2_DRM_COLORFORMAT_RGB444 = 1,
     V4L2_DRM_COLORFORMAT_YUV444,
     V4L2_DRM_COLORFORMAT_YUV422,
@@ -37,7 +47,7 @@ enum v4l2_drm_colorformat_type {
     V4L2_DRM_COLORFORMAT_YC,
 };
 
-enum v4l2_drm_framerate_type {
+V4L2_DRM_FIELD_ENUM(v4l2_drm_framerate_type) {
     V4L2_DRM_FRAMERATE_23_97HZ = 1,
     V4L2_DRM_FRAMERATE_24HZ,
     V4L2_DRM_FRAMERATE_25HZ,
@@ -60,7 +70,7 @@ enum v4l2_drm_framerate_type {
     V4L2_DRM_FRAMERATE_ETC,
 };
 
-enum v4l2_drm_input_stereoscopic_type {
+V4L2_DRM_FIELD_ENUM(v4l2_drm_input_stereoscopic_type) {
     V4L2_DRM_INPUT_STEREOSCOPIC_2D = 0,
     V4L2_DRM_INPUT_STEREOSCOPIC_SBS,
     V4L2_DRM_INPUT_STEREOSCOPIC_TNB,
@@ -73,7 +83,7 @@ enum v4l2_drm_input_stereoscopic_type {
     V4L2_DRM_INPUT_STEREOSCOPIC_3D_MVC,
 };
 
-enum v4l2_drm_main_clone_mux {
+V4L2_DRM_FIELD_ENUM(v4l2_drm_main_clone_mux) {
     V4L2_DRM_MAIN_CLONE_MUX_VIDEO_ONLY = 0,
     V4L2_DRM_MAIN_CLONE_MUX_VIDEO_GP,
     V4L2_DRM_MAIN_CLONE_MUX_VIDEO_EXT_GP,
