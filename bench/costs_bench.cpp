@@ -423,12 +423,6 @@ void bare_mute(bool mute) {
     ioctl(g.video->m_drm_fd, DRM_IOCTL_SDP_SET_ONOFF, &p);
 }
 
-void bare_queue_size(int32_t size) {
-    uint8_t plane = 0;
-    int32_t ret = 0;
-    bare_vplt(g.video->m_valio_fd, EN_VPLT_IOC_FR2IP_SetDispQueueSize, &plane, &size, nullptr, &ret);
-}
-
 // One mixer control write, the 13 requests alsa-lib sends for it: the card looked up twice
 // while "default" is resolved, then the control handle: version, element list (count, then
 // ids), event subscription, the write.
@@ -569,11 +563,12 @@ std::vector<Pair> make_pairs() {
             quarvel_video_output_close(fresh);
             hmx_standin_clear();
         };
+        // The session's handle already holds the zero queue: a second holder sends no queue
+        // request.
         p.bare = [] {
             v4l2_drm announce = g.desc;
             announce.u.dec_info.pFrame[0].display_index = 0xFFFFFFFFu;
             bare_source(&announce);
-            bare_queue_size(0);
             bare_source(&g.desc);
             bare_plane(g.full);
             bare_mute(false);

@@ -54,9 +54,9 @@ asan_exclude='_alloc_test_NOT_BUILT$|^FrameSize\.zero_over_zero_raises_sigfpe$|^
 asan_common=strict_string_checks=1:detect_stack_use_after_return=1:check_initialization_order=1
 # Intended leaks and leaks of the test harness, each explained in the file.
 lsan_options=suppressions=$PWD/scripts/lsan.supp:print_suppressions=0
-# Under ThreadSanitizer only the concurrency tests run (labels 'concurrency' and 'tsan');
-# death tests (label 'death') fork a process that the sanitizer's runtime does not follow
-# and are not among them.
+# Under ThreadSanitizer only the concurrency tests run (labels 'concurrency' and 'tsan').
+# Death tests (label 'death') are not among them: they fork, which ThreadSanitizer does
+# not support once a process has started threads.
 tsan_labels='concurrency|tsan'
 
 record() {
@@ -139,8 +139,8 @@ stage_fuzz() {
     fi
     work=$(mktemp -d)
     # harness, corpus directory, longest input
-    for spec in "fuzz_frame frame 1176" "fuzz_rect rect 480"; do
-        set -- $spec
+    for run in "fuzz_frame frame 1176" "fuzz_rect rect 480"; do
+        set -- $run
         local harness=$1 corpus=$2 max_len=$3
         mkdir -p "$work/$corpus" "$work/artifacts-$corpus"
         # New inputs go to the scratch copy; the kept corpus is only read.

@@ -60,7 +60,6 @@ class NullRectangleDeathTest : public ruvo_test::PlatformTest {};
 TEST_F(EmptyPictureDeathTest, a_0x0_first_frame_of_known_aspect_ends_the_process_on_the_division) {
     if (!forked_children_run())
         GTEST_SKIP() << "forked children crash on this host; the death test cannot run";
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     for (uint32_t aspect = V4L2_ASPECTRATIO_TYPE_100_100; aspect <= V4L2_ASPECTRATIO_TYPE_100_221; ++aspect) {
         SCOPED_TRACE(aspect);
         EXPECT_ENDS_ON_THE_DIVISION(show_empty_picture(aspect));
@@ -70,7 +69,6 @@ TEST_F(EmptyPictureDeathTest, a_0x0_first_frame_of_known_aspect_ends_the_process
 TEST_F(EmptyPictureDeathTest, the_reduction_of_0_over_0_ends_the_process) {
     if (!forked_children_run())
         GTEST_SKIP() << "forked children crash on this host; the death test cannot run";
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     auto reduce = [] {
         unsigned long long num = 0, denom = 0;
         ReduceFraction(&num, &denom);
@@ -81,7 +79,6 @@ TEST_F(EmptyPictureDeathTest, the_reduction_of_0_over_0_ends_the_process) {
 TEST_F(NullRectangleDeathTest, a_null_rectangle_with_the_info_level_on_ends_the_process_on_the_read) {
     if (!forked_children_run())
         GTEST_SKIP() << "forked children crash on this host; the death test cannot run";
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_ENDS_ON_THE_NULL_READ(set_null_rect_with_info_on());
 }
 
