@@ -210,6 +210,7 @@ class Session {
   public:
     Session(const Scenario& sc, const PlayerOptions& opt) : sc_(sc), opt_(opt) {}
     int run();
+    void release_left_open();
 
   private:
     // Scheduling
@@ -1000,6 +1001,22 @@ bool Session::write_svg() {
     return true;
 }
 
+// Outputs that the scenario never closed are released at its end, so that nothing is left
+// on the emulated devices.
+void Session::release_left_open() {
+    if (video_) {
+        printf("player: closing the video output the scenario left open\n");
+        quarvel_video_output_close(video_);
+        video_ = nullptr;
+    }
+    if (audio_) {
+        printf("player: closing the audio output the scenario left open\n");
+        quarvel_audio_output_close(audio_);
+        printf("\n");  // the release line of the audio output has no newline of its own
+        audio_ = nullptr;
+    }
+}
+
 int Session::run() {
     auto& tv = emutv::platform();
     tv.reset();
@@ -1022,6 +1039,7 @@ int Session::run() {
         now_.store(std::max(now_.load(), next->due));
         run_line_step(*next);
     }
+    release_left_open();
     fflush(stdout);
     tv.set_listener(nullptr);
     decoder_.advance(now_.load());
