@@ -189,6 +189,11 @@ TEST_F(Concurrency, the_hand_back_mute_thread_runs_beside_video_and_mixer_calls)
     EXPECT_EQ(failures.load(), 0);
     EXPECT_EQ(tv().count("VIDIOC_G_EXT_CTRLS"), static_cast<size_t>(kSwitches));
     quarvel_video_output_close(out);
+    // A mute thread may still be closing the control device after its write was seen.
+    const auto settle = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (emutv::process_open_descriptors() != base_descriptors_ &&
+           std::chrono::steady_clock::now() < settle)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     EXPECT_EQ(emutv::process_open_descriptors(), base_descriptors_);
 }
 
