@@ -53,126 +53,13 @@
 
 #include "emutv/emutv.h"
 #include "emutv/models.h"
+#include "call_site_allocator.h"
 #include "hmx_standin.h"
 #include "ruvo/driver/kdolby.h"
 #include "ruvo_internal.h"
 #include "ruvo_log.h"
 
-// ---- Allocation counting (--counts) ----------------------------------------------------------
-
-extern "C" {
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* ptr, size_t size);
-void* __libc_memalign(size_t alignment, size_t size);
-void __libc_free(void* ptr);
-}
-
-namespace {
-
-std::atomic<bool> g_counting{false};
-std::atomic<long> g_allocations{0};
-std::atomic<long> g_own_allocations{0};
-thread_local int t_in_counter = 0;
-uintptr_t g_program_begin = 0;
-uintptr_t g_program_end = 0;
-
-__attribute__((noinline)) void count_allocation(const void* caller) {
-    if (!g_counting.load(std::memory_order_relaxed) || t_in_counter != 0 || emutv::inside_emulator())
-        return;
-    t_in_counter = 1;
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    const uintptr_t a = reinterpret_cast<uintptr_t>(caller);
-    if (a >= g_program_begin && a < g_program_end)
-        g_own_allocations.fetch_add(1, std::memory_order_relaxed);
-    t_in_counter = 0;
-}
-
-#define COUNT() count_allocation(__builtin_return_address(0))
-
-int find_program(struct dl_phdr_info* info, size_t, void*) {
-    if (info->dlpi_name != nullptr && info->dlpi_name[0] != '\0')
-        return 0;
-    for (int i = 0; i < info->dlpi_phnum; ++i) {
-        const ElfW(Phdr)& ph = info->dlpi_phdr[i];
-        if (ph.p_type == PT_LOAD && (ph.p_flags & PF_X) != 0) {
-            g_program_begin = info->dlpi_addr + ph.p_vaddr;
-            g_program_end = g_program_begin + ph.p_memsz;
-        }
-    }
-    return 1;
-}
-
-void* checked(void* p) {
-    if (p == nullptr)
-        throw std::bad_alloc();
-    return p;
-}
-
-}  // namespace
-
-extern "C" {
-void* malloc(size_t size) {
-    COUNT();
-    return __libc_malloc(size);
-}
-void* calloc(size_t count, size_t size) {
-    COUNT();
-    return __libc_calloc(count, size);
-}
-void* realloc(void* ptr, size_t size) {
-    COUNT();
-    return __libc_realloc(ptr, size);
-}
-void free(void* ptr) {
-    __libc_free(ptr);
-}
-void* memalign(size_t alignment, size_t size) {
-    COUNT();
-    return __libc_memalign(alignment, size);
-}
-void* aligned_alloc(size_t alignment, size_t size) {
-    COUNT();
-    return __libc_memalign(alignment, size);
-}
-int posix_memalign(void** out, size_t alignment, size_t size) {
-    COUNT();
-    void* p = __libc_memalign(alignment, size);
-    if (p == nullptr)
-        return ENOMEM;
-    *out = p;
-    return 0;
-}
-}
-
-void* operator new(size_t size) {
-    COUNT();
-    return checked(__libc_malloc(size ? size : 1));
-}
-void* operator new[](size_t size) {
-    COUNT();
-    return checked(__libc_malloc(size ? size : 1));
-}
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    COUNT();
-    return __libc_malloc(size ? size : 1);
-}
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-    COUNT();
-    return __libc_malloc(size ? size : 1);
-}
-void operator delete(void* p) noexcept {
-    __libc_free(p);
-}
-void operator delete[](void* p) noexcept {
-    __libc_free(p);
-}
-void operator delete(void* p, size_t) noexcept {
-    __libc_free(p);
-}
-void operator delete[](void* p, size_t) noexcept {
-    __libc_free(p);
-}
+// Allocation counting (--counts): tests/support/call_site_allocator.h.
 
 namespace {
 
@@ -1010,7 +897,6 @@ int run_counts() {
     FILE* out = fdopen(dup(1), "w");
     if (out == nullptr || freopen("/dev/null", "w", stdout) == nullptr)
         return 1;
-    dl_iterate_phdr(find_program, nullptr);
     if (!start_session())
         return 1;
     emutv::Platform& tv = emutv::platform();
@@ -1026,14 +912,11 @@ int run_counts() {
         const size_t requests = tv.total_requests();
         const size_t opens = tv.count("open");
         const size_t closes = tv.count("close");
-        g_allocations.store(0);
-        g_own_allocations.store(0);
-        g_counting.store(true);
+        ruvo_test::start_call_site_count();
         p.library();
-        g_counting.store(false);
+        const ruvo_test::CallSiteCounts counted = ruvo_test::stop_call_site_count();
         fprintf(out, "%s\t%zu\t%zu\t%zu\t%ld\t%ld\n", p.name.c_str(), tv.total_requests() - requests,
-                tv.count("open") - opens, tv.count("close") - closes, g_allocations.load(),
-                g_own_allocations.load());
+                tv.count("open") - opens, tv.count("close") - closes, counted.total, counted.own);
         p.after();
     }
     end_session();

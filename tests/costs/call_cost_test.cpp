@@ -20,125 +20,10 @@
 #include <thread>
 
 #include "HMXClientInterface.h"
+#include "call_site_allocator.h"
 #include "hmx_standin.h"
 #include "ruvo_log.h"
 #include "test_support.h"
-
-extern "C" {
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* ptr, size_t size);
-void* __libc_memalign(size_t alignment, size_t size);
-void __libc_free(void* ptr);
-}
-
-namespace {
-
-std::atomic<bool> g_counting{false};
-std::atomic<long> g_total{0};
-std::atomic<long> g_own{0};
-thread_local int t_in_counter = 0;
-
-// The program's own code (the library and the test), from its loadable segments.
-uintptr_t g_program_begin = 0;
-uintptr_t g_program_end = 0;
-
-int find_program(struct dl_phdr_info* info, size_t, void*) {
-    if (info->dlpi_name != nullptr && info->dlpi_name[0] != '\0')
-        return 0;  // a shared object
-    for (int i = 0; i < info->dlpi_phnum; ++i) {
-        const ElfW(Phdr)& ph = info->dlpi_phdr[i];
-        if (ph.p_type != PT_LOAD || (ph.p_flags & PF_X) == 0)
-            continue;
-        g_program_begin = info->dlpi_addr + ph.p_vaddr;
-        g_program_end = g_program_begin + ph.p_memsz;
-    }
-    return 1;
-}
-
-__attribute__((noinline)) void count_allocation(const void* caller) {
-    if (!g_counting.load(std::memory_order_relaxed) || t_in_counter != 0 || emutv::inside_emulator())
-        return;
-    t_in_counter = 1;
-    g_total.fetch_add(1, std::memory_order_relaxed);
-    const uintptr_t a = reinterpret_cast<uintptr_t>(caller);
-    if (a >= g_program_begin && a < g_program_end)
-        g_own.fetch_add(1, std::memory_order_relaxed);
-    t_in_counter = 0;
-}
-
-void* checked(void* p) {
-    if (p == nullptr)
-        throw std::bad_alloc();
-    return p;
-}
-
-#define COUNT() count_allocation(__builtin_return_address(0))
-
-}  // namespace
-
-extern "C" {
-void* malloc(size_t size) {
-    COUNT();
-    return __libc_malloc(size);
-}
-void* calloc(size_t count, size_t size) {
-    COUNT();
-    return __libc_calloc(count, size);
-}
-void* realloc(void* ptr, size_t size) {
-    COUNT();
-    return __libc_realloc(ptr, size);
-}
-void free(void* ptr) {
-    __libc_free(ptr);
-}
-void* memalign(size_t alignment, size_t size) {
-    COUNT();
-    return __libc_memalign(alignment, size);
-}
-void* aligned_alloc(size_t alignment, size_t size) {
-    COUNT();
-    return __libc_memalign(alignment, size);
-}
-int posix_memalign(void** out, size_t alignment, size_t size) {
-    COUNT();
-    void* p = __libc_memalign(alignment, size);
-    if (p == nullptr)
-        return ENOMEM;
-    *out = p;
-    return 0;
-}
-}
-
-void* operator new(size_t size) {
-    COUNT();
-    return checked(__libc_malloc(size ? size : 1));
-}
-void* operator new[](size_t size) {
-    COUNT();
-    return checked(__libc_malloc(size ? size : 1));
-}
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    COUNT();
-    return __libc_malloc(size ? size : 1);
-}
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-    COUNT();
-    return __libc_malloc(size ? size : 1);
-}
-void operator delete(void* p) noexcept {
-    __libc_free(p);
-}
-void operator delete[](void* p) noexcept {
-    __libc_free(p);
-}
-void operator delete(void* p, size_t) noexcept {
-    __libc_free(p);
-}
-void operator delete[](void* p, size_t) noexcept {
-    __libc_free(p);
-}
 
 namespace {
 
@@ -206,8 +91,6 @@ class CallCost : public ruvo_test::PlatformTest {
   protected:
     void SetUp() override {
         PlatformTest::SetUp();
-        if (g_program_end == 0)
-            dl_iterate_phdr(find_program, nullptr);
         unsetenv("TA_DTV_PRELOAD");
         g_ruvo_logmask = RUVO_LOG_ERR;
         tv().add_compr_device(kAudioDevice);
@@ -227,14 +110,12 @@ class CallCost : public ruvo_test::PlatformTest {
     template <typename F>
     Cost measure(F call) {
         tv().clear_events();
-        g_total.store(0);
-        g_own.store(0);
-        g_counting.store(true);
+        ruvo_test::start_call_site_count();
         call();
-        g_counting.store(false);
+        const ruvo_test::CallSiteCounts counted = ruvo_test::stop_call_site_count();
         Cost c;
-        c.allocations = g_total.load();
-        c.own = g_own.load();
+        c.allocations = counted.total;
+        c.own = counted.own;
         for (const auto& e : tv().events())
             if (e.kind != emutv::Kind::Call)
                 c.requests.push_back(key_of(e));
@@ -366,11 +247,9 @@ long transaction_allocations() {
     };
     transact();  // the stand-in's log is made on first use
     hmx_standin_clear();
-    g_total.store(0);
-    g_counting.store(true);
+    ruvo_test::start_call_site_count();
     transact();
-    g_counting.store(false);
-    return g_total.load();
+    return ruvo_test::stop_call_site_count().total;
 }
 
 TEST_F(CallCost, first_frame_is_5_requests_and_allocates_only_what_the_picture_quality_client_does) {
