@@ -11,6 +11,10 @@ HOST_PKGS=(
   libdrm-dev libasound2-dev libwayland-dev libwayland-bin wayland-protocols libweston-10-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   weston clang libclang-rt-14-dev libfuzzer-14-dev valgrind
+  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools
+  gstreamer1.0-plugins-base gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-good
+  gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
+  doxygen qemu-system-arm tmux cpio kmod xz-utils
 )
 CROSS_PKGS=(
   g++-arm-linux-gnueabihf qemu-user
