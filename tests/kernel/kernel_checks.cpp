@@ -57,8 +57,12 @@ void report(const std::string& check, bool ok, const std::string& fields) {
     fflush(stdout);
 }
 
-std::string field(const char* key, long long v) { return std::string(", \"") + key + "\": " + std::to_string(v); }
-std::string field(const char* key, const std::string& v) { return std::string(", \"") + key + "\": " + quote(v); }
+std::string field(const char* key, long long v) {
+    return std::string(", \"") + key + "\": " + std::to_string(v);
+}
+std::string field(const char* key, const std::string& v) {
+    return std::string(", \"") + key + "\": " + quote(v);
+}
 
 int open_descriptors() {
     int n = 0;
@@ -103,7 +107,9 @@ std::string captured(const std::function<void()>& fn) {
     return text;
 }
 
-bool contains(const std::string& text, const std::string& what) { return text.find(what) != std::string::npos; }
+bool contains(const std::string& text, const std::string& what) {
+    return text.find(what) != std::string::npos;
+}
 
 // ---- records on the real ABI -----------------------------------------------------------
 
@@ -286,8 +292,9 @@ void check_volume(float volume, long long expected) {
     long long speaker = kernel_value(kGains[0]), hp = kernel_value(kGains[1]);
     char name[64];
     snprintf(name, sizeof(name), "mixer.volume(%g)", static_cast<double>(volume));
-    report(name, r == 0 && speaker == expected && hp == expected,
-           field("result", r) + field("expected", expected) + field(kGains[0], speaker) + field(kGains[1], hp));
+    report(
+        name, r == 0 && speaker == expected && hp == expected,
+        field("result", r) + field("expected", expected) + field(kGains[0], speaker) + field(kGains[1], hp));
 }
 
 void check_speed(float speed, long long expected) {
@@ -297,7 +304,8 @@ void check_speed(float speed, long long expected) {
     long long rate = kernel_value(kRate);
     char name[64];
     snprintf(name, sizeof(name), "mixer.speed(%g)", static_cast<double>(speed));
-    report(name, r == 0 && rate == expected, field("result", r) + field("expected", expected) + field(kRate, rate));
+    report(name, r == 0 && rate == expected,
+           field("result", r) + field("expected", expected) + field(kRate, rate));
 }
 
 // A successful audio output open (on the loopback card's playback node) and its close:
@@ -354,7 +362,8 @@ void check_missing_control() {
     int removed = remove_control(kRate);
     int r = 0;
     std::string text = captured([&] { r = quarvel_audio_output_speed_control(nullptr, 1.0f); });
-    const std::string expected = "Error! Could not found the card default ctrl audio dec0 playback rate error:0";
+    const std::string expected =
+        "Error! Could not found the card default ctrl audio dec0 playback rate error:0";
     bool line = contains(text, expected);
     report("mixer.missing-control", removed >= 0 && r == -1 && line,
            field("removed", removed) + field("result", r) + field("expected_line", expected) +
@@ -379,7 +388,8 @@ void check_compr_open() {
     bool line = contains(text, expected);
     report("compr.open-missing-node", out == nullptr && kernel_errno != 0 && line && before == after,
            field("node", node) + field("kernel_errno", kernel_errno) + field("expected_line", expected) +
-               field("line_found", line ? "yes" : "no") + field("fds_before", before) + field("fds_after", after));
+               field("line_found", line ? "yes" : "no") + field("fds_before", before) +
+               field("fds_after", after));
 }
 
 }  // namespace

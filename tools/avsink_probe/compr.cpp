@@ -17,12 +17,12 @@ namespace avsink_probe {
 
 namespace {
 
-std::vector<std::string> compr_nodes(const std::vector<std::string>& extra) {
+std::vector<std::string> compr_nodes(const std::string& dir, const std::vector<std::string>& extra) {
     std::vector<std::string> nodes;
-    if (DIR* d = opendir("/dev/snd")) {
+    if (DIR* d = opendir(dir.c_str())) {
         while (dirent* e = readdir(d))
             if (strncmp(e->d_name, "comprC", 6) == 0)
-                nodes.push_back(std::string("/dev/snd/") + e->d_name);
+                nodes.push_back(dir + "/" + e->d_name);
         closedir(d);
     }
     std::sort(nodes.begin(), nodes.end());
@@ -62,8 +62,9 @@ Json compr_node(Printer& p, const std::string& path) {
     } else {
         Json c = compr_caps(caps);
         n.set("caps", c);
-        p.line("compressed: %s: fragments %u..%u of %u..%u bytes, codecs %s", path.c_str(), caps.min_fragments,
-               caps.max_fragments, caps.min_fragment_size, caps.max_fragment_size, id_list(*c.get("codecs")).c_str());
+        p.line("compressed: %s: fragments %u..%u of %u..%u bytes, codecs %s", path.c_str(),
+               caps.min_fragments, caps.max_fragments, caps.min_fragment_size, caps.max_fragment_size,
+               id_list(*c.get("codecs")).c_str());
     }
     close(fd);
     return n;
@@ -71,11 +72,11 @@ Json compr_node(Printer& p, const std::string& path) {
 
 }  // namespace
 
-Json compressed_section(Printer& p, const std::vector<std::string>& extra) {
+Json compressed_section(Printer& p, const std::string& dir, const std::vector<std::string>& extra) {
     Json a = Json::array();
-    auto nodes = compr_nodes(extra);
+    auto nodes = compr_nodes(dir, extra);
     if (nodes.empty())
-        p.line("compressed: no comprC* node in /dev/snd");
+        p.line("compressed: no comprC* node in %s", dir.c_str());
     for (const auto& path : nodes)
         a.push(compr_node(p, path));
     return a;

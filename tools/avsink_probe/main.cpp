@@ -107,10 +107,11 @@ int main(int argc, char** argv) {
 #ifdef AVSINK_PROBE_EMULATED
     emutv::platform().set_listener(nullptr);
     if (json)
-        report.set("emulated", avsink_probe::Json::object()
-                                   .set("requests", avsink_probe::Json::integer(
-                                                        static_cast<long long>(emutv::platform().total_requests())))
-                                   .set("changing", avsink_probe::Json::integer(static_cast<long long>(changing))));
+        report.set("emulated",
+                   avsink_probe::Json::object()
+                       .set("requests", avsink_probe::Json::integer(
+                                            static_cast<long long>(emutv::platform().total_requests())))
+                       .set("changing", avsink_probe::Json::integer(static_cast<long long>(changing))));
     else
         printf("probe: emulated requests: %zu, changing what the viewer sees or hears: %zu\n",
                emutv::platform().total_requests(), changing);

@@ -120,8 +120,9 @@ Json hal_section(Printer& p) {
     if (!h) {
         const char* e = dlerror();
         s.set("loaded", Json::boolean(false));
-        s.set("error", Json::string(e ? e : "unknown"));
-        p.line("hal: %s: not loaded (%s); the library opens %s itself", kHalPath, e ? e : "unknown", kDrmPath);
+        s.set("error", Json::string(e ? e : "no loader message"));
+        p.line("hal: %s: not loaded (%s); the library opens %s itself", kHalPath, e ? e : "no loader message",
+               kDrmPath);
         return s;
     }
     s.set("loaded", Json::boolean(true));
@@ -199,8 +200,8 @@ void add_connector(Printer& p, int fd, uint32_t id, Json* topo, Json* details) {
     details->push(d);
     p.line("drm: connector %u: %s, size %ux%u, encoder %u, encoders %s, %d modes: %s", c->connector_id,
            c->connection == DRM_MODE_CONNECTED ? "connected" : "not connected", c->mmWidth, c->mmHeight,
-           c->encoder_id, id_list(t.get("encoders") ? *t.get("encoders") : Json::array()).c_str(), c->count_modes,
-           mode_text.empty() ? "-" : mode_text.c_str());
+           c->encoder_id, id_list(t.get("encoders") ? *t.get("encoders") : Json::array()).c_str(),
+           c->count_modes, mode_text.empty() ? "-" : mode_text.c_str());
     drmModeFreeConnector(c);
 }
 
@@ -216,7 +217,8 @@ void add_encoder(Printer& p, int fd, uint32_t id, Json* topo, Json* details) {
                    .set("id", Json::integer(e->encoder_id))
                    .set("crtc_id", Json::integer(e->crtc_id))
                    .set("possible_crtcs", Json::integer(e->possible_crtcs)));
-    details->push(Json::object().set("id", Json::integer(e->encoder_id)).set("type", Json::integer(e->encoder_type)));
+    details->push(
+        Json::object().set("id", Json::integer(e->encoder_id)).set("type", Json::integer(e->encoder_type)));
     p.line("drm: encoder %u: crtc %u, possible crtcs 0x%x", e->encoder_id, e->crtc_id, e->possible_crtcs);
     drmModeFreeEncoder(e);
 }
@@ -232,7 +234,9 @@ Json plane_properties(int fd, uint32_t plane_id, std::string* kind, std::string*
             continue;
         std::string name = pr->name;
         uint64_t v = op->prop_values[j];
-        props.push(Json::object().set("name", Json::string(name)).set("value", Json::integer(static_cast<long long>(v))));
+        props.push(Json::object()
+                       .set("name", Json::string(name))
+                       .set("value", Json::integer(static_cast<long long>(v))));
         *text += (text->empty() ? "" : " ") + name + "=" + std::to_string(v);
         if (name.compare(0, 10, "plane_type") == 0 && v < 11)
             *kind = kPlaneTypes[v];
@@ -265,8 +269,8 @@ void add_plane(Printer& p, int fd, uint32_t id, Json* topo, Json* details) {
                       .set("id", Json::integer(pl->plane_id))
                       .set("possible_crtcs", Json::integer(pl->possible_crtcs))
                       .set("formats", formats));
-    p.line("drm: plane %u: type %s, %u formats, properties %s", pl->plane_id, kind.empty() ? "-" : kind.c_str(),
-           pl->count_formats, text.empty() ? "-" : text.c_str());
+    p.line("drm: plane %u: type %s, %u formats, properties %s", pl->plane_id,
+           kind.empty() ? "-" : kind.c_str(), pl->count_formats, text.empty() ? "-" : text.c_str());
     drmModeFreePlane(pl);
 }
 
@@ -298,8 +302,10 @@ void drm_sections(Printer& p, Json* topo, Json* details) {
     } else {
         topo->set("crtcs", id_array(res->crtcs, res->count_crtcs));
         p.line("drm: crtcs: %s", id_list(*topo->get("crtcs")).c_str());
-        details->set("min_size", Json::string(std::to_string(res->min_width) + "x" + std::to_string(res->min_height)));
-        details->set("max_size", Json::string(std::to_string(res->max_width) + "x" + std::to_string(res->max_height)));
+        details->set("min_size",
+                     Json::string(std::to_string(res->min_width) + "x" + std::to_string(res->min_height)));
+        details->set("max_size",
+                     Json::string(std::to_string(res->max_width) + "x" + std::to_string(res->max_height)));
         Json cons = Json::array(), cons_d = Json::array(), encs = Json::array(), encs_d = Json::array();
         for (int i = 0; i < res->count_connectors; ++i)
             add_connector(p, fd, res->connectors[i], &cons, &cons_d);
@@ -352,7 +358,8 @@ Json video_output_section(Printer& p, int* status) {
     quarvel_video_output_get_panel_size(out, &w, &h);
     p.line("get_panel_size: %dx%d", w, h);
     const DRMBuffer& b = out->m_drm_buffers[0];
-    p.line("placeholder framebuffer: fb=%u dumb=%u stride=%u size=%u", b.fb_handle, b.bo_handle, b.stride, b.size);
+    p.line("placeholder framebuffer: fb=%u dumb=%u stride=%u size=%u", b.fb_handle, b.bo_handle, b.stride,
+           b.size);
     s.set("connector", Json::integer(out->m_con_id)).set("crtc", Json::integer(out->m_crtc_id));
     s.set("panel", Json::string(std::to_string(w) + "x" + std::to_string(h)));
     s.set("placeholder", Json::object()
@@ -368,7 +375,8 @@ Json video_output_section(Printer& p, int* status) {
         }
     s.set("planes", planes);
     if (out->m_plane_type < 11) {
-        p.line("video plane: %d (type %s)", out->m_plane_obj_id[out->m_plane_type], kPlaneTypes[out->m_plane_type]);
+        p.line("video plane: %d (type %s)", out->m_plane_obj_id[out->m_plane_type],
+               kPlaneTypes[out->m_plane_type]);
         s.set("video_plane", Json::integer(out->m_plane_obj_id[out->m_plane_type]));
     }
     p.flush();
@@ -453,8 +461,9 @@ Json mixer_control(Printer& p, snd_hctl_elem_t* e, snd_ctl_elem_info_t* info, sn
         Json values = Json::array();
         line += " value=";
         for (unsigned i = 0; i < count && i < 8; ++i) {
-            long v = type == SND_CTL_ELEM_TYPE_INTEGER ? snd_ctl_elem_value_get_integer(value, i)
-                                                       : static_cast<long>(snd_ctl_elem_value_get_boolean(value, i));
+            long v = type == SND_CTL_ELEM_TYPE_INTEGER
+                         ? snd_ctl_elem_value_get_integer(value, i)
+                         : static_cast<long>(snd_ctl_elem_value_get_boolean(value, i));
             values.push(Json::integer(v));
             line += (i ? "," : "") + std::to_string(v);
         }
@@ -524,7 +533,7 @@ int run_probe(const ProbeOptions& options, Json* report) {
     p.flush();
     int status = 1;
     r.set("video_output", video_output_section(p, &status));
-    r.set("compressed", compressed_section(p, options.compr_paths));
+    r.set("compressed", compressed_section(p, options.compr_dir, options.compr_paths));
     if (options.mixer)
         r.set("mixer", mixer_section(p, options.card));
     p.flush();

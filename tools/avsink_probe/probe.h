@@ -12,8 +12,9 @@ struct ProbeOptions {
     std::string card = "default";  // ALSA control device whose mixer controls are listed
     bool mixer = true;
     bool json = false;  // no "probe: " lines; the caller prints the report
-    // Compressed-offload nodes to look at besides the "comprC*" entries of /dev/snd.
+    // Compressed-offload nodes to look at besides the "comprC*" entries of compr_dir.
     std::vector<std::string> compr_paths;
+    std::string compr_dir = "/dev/snd";
     std::string tool = "avsink-probe";
 };
 

@@ -55,6 +55,6 @@ inline std::string id_list(const Json& a) {
     return s.empty() ? "-" : s;
 }
 
-Json compressed_section(Printer& p, const std::vector<std::string>& extra);
+Json compressed_section(Printer& p, const std::string& dir, const std::vector<std::string>& extra);
 
 }  // namespace avsink_probe

@@ -48,7 +48,8 @@ emutv::DrmPlane plane(const Json& p) {
     for (const auto& prop : items(p, "properties")) {
         const Json* name = prop.get("name");
         const Json* value = prop.get("value");
-        out.props.push_back({name ? name->as_string() : "", value ? static_cast<uint64_t>(value->as_int()) : 0});
+        out.props.push_back(
+            {name ? name->as_string() : "", value ? static_cast<uint64_t>(value->as_int()) : 0});
     }
     return out;
 }
