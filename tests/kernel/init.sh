@@ -32,7 +32,7 @@ echo "kernel-witness: avsink-probe exit status $?"
 sed 's/^/  real> /' /tmp/real.err
 sed 's/^/  real| /' /tmp/real.json
 echo "kernel-witness: == the same probe on the emulated platform, set up with that topology =="
-/bin/avsink-probe-emulated --topology /tmp/real.json --json > /tmp/emu.json 2> /tmp/emu.err
+/bin/avsink-probe-emulated --topology /tmp/real.json --card hw:0 --json > /tmp/emu.json 2> /tmp/emu.err
 echo "kernel-witness: avsink-probe-emulated exit status $?"
 sed 's/^/  emu>  /' /tmp/emu.err
 sed 's/^/  emu|  /' /tmp/emu.json
@@ -47,6 +47,16 @@ if [ "$lines" -gt 2 ] && diff -u /tmp/real.topo /tmp/emu.topo; then
   kw "{\"check\": \"probe.drm-topology\", \"ok\": true, \"lines\": $lines, \"differences\": 0}"
 else
   kw "{\"check\": \"probe.drm-topology\", \"ok\": false, \"lines\": $lines, \"differences\": $(diff /tmp/real.topo /tmp/emu.topo | grep -c '^[-+]')}"
+fi
+# The library's four mixer controls: added on the loopback card by kernel-checks, built
+# into the emulated card.
+grep '"library_controls"' /tmp/real.json > /tmp/real.ctl
+grep '"library_controls"' /tmp/emu.json > /tmp/emu.ctl
+echo "kernel-witness: library controls, real: $(sed 's/^ *//' /tmp/real.ctl)"
+if [ -s /tmp/real.ctl ] && diff -u /tmp/real.ctl /tmp/emu.ctl && ! grep -q false /tmp/real.ctl; then
+  kw "{\"check\": \"probe.library-controls\", \"ok\": true}"
+else
+  kw "{\"check\": \"probe.library-controls\", \"ok\": false}"
 fi
 # The sections that differ by design (driver name, mode names, plane formats, the chip's
 # devices and the library's open) are shown side by side in the log above.
