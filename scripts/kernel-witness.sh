@@ -158,8 +158,10 @@ for c in "${expected[@]}"; do
     failed=$((failed + 1))
   fi
 done
-# No request of the guest may have failed for a record the kernel does not know.
-enotty=$(grep -c 'Inappropriate ioctl for device' "$console.txt" || true)
+# No request on the real kernel may have failed for a record the kernel does not know.
+# (The emulated probe's lines are left out: the emulator refuses the requests it does
+# not model with ENOTTY.)
+enotty=$(grep -v '^  emu' "$console.txt" | grep -c 'Inappropriate ioctl for device' || true)
 if [ "$enotty" -eq 0 ]; then
   echo "PASS    {\"check\": \"records.no-enotty\", \"ok\": true, \"lines\": 0}"
 else
