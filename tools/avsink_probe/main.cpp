@@ -4,6 +4,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 
 #include "probe.h"
@@ -101,7 +102,7 @@ int main(int argc, char** argv) {
 #else
     (void)trace;
 #endif
-    JsonStdout* json = opt.json ? new JsonStdout() : nullptr;
+    std::unique_ptr<JsonStdout> json(opt.json ? new JsonStdout() : nullptr);
     avsink_probe::Json report;
     int status = avsink_probe::run_probe(opt, &report);
 #ifdef AVSINK_PROBE_EMULATED
@@ -116,9 +117,7 @@ int main(int argc, char** argv) {
         printf("probe: emulated requests: %zu, changing what the viewer sees or hears: %zu\n",
                emutv::platform().total_requests(), changing);
 #endif
-    if (json) {
+    if (json)
         json->write_report(report);
-        delete json;
-    }
     return status;
 }
