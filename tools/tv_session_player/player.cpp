@@ -27,9 +27,6 @@ namespace tvsp {
 
 namespace {
 
-// Compressed-offload start and stop requests (_IO('C', 0x32), _IO('C', 0x33)).
-constexpr unsigned long kComprStart = 0x4332;
-constexpr unsigned long kComprStop = 0x4333;
 constexpr uint32_t kMuteFunc = 1;  // DRM_SDP_FUNC_MUTE_ONOFF
 
 // The decoded stream as the scenario describes it; what frame lines leave behind.
@@ -119,77 +116,6 @@ void wait_for_threads(int baseline) {
     }
 }
 
-// The chip's audio decoder as the compressed-offload device shows it: a ring buffer the
-// library writes into, and a decoder that, once started, takes data from the ring into
-// its own buffer as soon as there is room and plays channels x 2 x rate bytes a second.
-class AudioDecoder {
-  public:
-    void configure(int64_t buffer, int64_t dsp) {
-        if (buffer > 0)
-            buffer_ = static_cast<uint64_t>(buffer);
-        if (dsp >= 0)
-            dsp_ = dsp;
-    }
-    void set_stream(uint32_t channels, uint32_t rate) {
-        rate_ = rate;
-        bytes_per_s_ = static_cast<uint64_t>(rate) * channels * 2;
-    }
-    // Called from the request listener (platform lock held).
-    void start(int64_t now) {
-        running_ = true;
-        last_us_ = now;
-    }
-    void stop(uint64_t bytes_written_total) {
-        running_ = false;
-        base_ = bytes_written_total;
-        played_e6_ = 0;
-        copied_ = 0;
-    }
-    void advance(int64_t now) {
-        if (running_ && now > last_us_) {
-            uint64_t written = written_bytes();
-            played_e6_ += bytes_per_s_ * static_cast<uint64_t>(now - last_us_);
-            played_e6_ = std::min<uint64_t>(played_e6_, written * 1000000ULL);
-        }
-        last_us_ = now;
-    }
-    // Writes the device's answers (avail, copied_total, remaining size) for this moment.
-    void publish() {
-        auto& tv = emutv::platform();
-        std::lock_guard<std::recursive_mutex> g(tv.mutex());
-        emutv::ComprModel& m = tv.compr();
-        uint64_t buffer = buffer_ ? buffer_ : static_cast<uint64_t>(m.min_fragment_size) * m.max_fragments;
-        int64_t dsp = dsp_ >= 0 ? dsp_ : 2 * static_cast<int64_t>(m.min_fragment_size);
-        uint64_t written = m.bytes_written >= base_ ? m.bytes_written - base_ : 0;
-        uint64_t played = played_e6_ / 1000000ULL;
-        if (running_)
-            copied_ = std::max(copied_, std::min<uint64_t>(written, played + static_cast<uint64_t>(dsp)));
-        uint64_t queued = written - std::min(written, copied_);
-        m.consume_on_write = false;
-        m.avail = buffer > queued ? buffer - queued : 0;
-        m.copied_total = static_cast<uint32_t>(copied_);
-        if (rate_) {
-            m.sampling_rate = rate_;
-            m.remain = (copied_ - std::min(copied_, played)) * 48000ULL / rate_;
-        }
-    }
-
-  private:
-    uint64_t written_bytes() const {
-        auto& m = emutv::platform().compr();
-        return m.bytes_written >= base_ ? m.bytes_written - base_ : 0;
-    }
-    uint64_t buffer_ = 0;  // 0: from the device's fragment sizes
-    int64_t dsp_ = -1;     // -1: two fragments
-    uint32_t rate_ = 0;
-    uint64_t bytes_per_s_ = 0;
-    bool running_ = false;
-    int64_t last_us_ = 0;
-    uint64_t base_ = 0;
-    uint64_t played_e6_ = 0;  // bytes played, times 10^6
-    uint64_t copied_ = 0;
-};
-
 struct TrackRun {
     std::vector<const Command*> lines;
     size_t pc = 0;
@@ -246,7 +172,6 @@ class Session {
     quarvel_video_output_rect_t last_rect_{};
     quarvel_video_output_rect_t last_shown_{};
     uint32_t channels_ = 0;
-    AudioDecoder decoder_;
 
     // What the driver was told (from the record).
     std::map<std::string, size_t> requests_;
@@ -346,8 +271,6 @@ void Session::run_line_step(TrackRun& t) {
 }
 
 void Session::begin_call(const Command& c, const std::string& what) {
-    decoder_.advance(now_.load());
-    decoder_.publish();
     calls_++;
     {
         std::lock_guard<std::mutex> g(mu_);
@@ -680,10 +603,8 @@ StepResult Session::execute_call(const Command& c, int64_t step, int64_t retries
             begin_call(c, std::string(fn) + "(channels=" + std::to_string(p.channels) +
                               " sample_rate=" + std::to_string(p.sample_rate) + ")");
             int res = quarvel_audio_output_setup(h, &p);
-            if (res == 0 && h) {
+            if (res == 0 && h)
                 channels_ = p.channels;
-                decoder_.set_stream(p.channels, p.sample_rate);
-            }
             end_call(c, fn, res, expected, "");
             break;
         }
@@ -880,7 +801,10 @@ void Session::execute_platform(const Command& c) {
             break;
         }
         case Cmd::PlatformCompr:
-            decoder_.configure(c.num("buffer", 0), c.num("dsp", -1));
+            if (c.num("buffer", 0) > 0)
+                tv.compr().ring_bytes = static_cast<uint64_t>(c.num("buffer", 0));
+            if (c.num("dsp", -1) >= 0)
+                tv.compr().dsp_bytes = c.num("dsp", -1);
             break;
         case Cmd::PlatformLogmask:
             tv.sandbox_write("/tmp/RUVO", std::to_string(c.num("value", 0)));
@@ -925,12 +849,6 @@ void Session::on_event(const emutv::Event& e) {
                 plane_changes_++;
             }
         }
-    }
-    if (e.device == emutv::Device::Compr && e.kind == emutv::Kind::Ioctl && e.result == 0) {
-        if (e.request == kComprStart)
-            decoder_.start(now);
-        if (e.request == kComprStop)
-            decoder_.stop(emutv::platform().compr().bytes_written);
     }
 }
 
@@ -1023,6 +941,14 @@ int Session::run() {
     tv.set_recording(false);
     unsetenv("TA_DTV_PRELOAD");
     tv.set_listener([this](const emutv::Event& e) { on_event(e); });
+    // The chip's audio decoder plays the generated blocks as 16-bit PCM of the setup's
+    // channels and rate, in the player's virtual time.
+    tv.set_clock_mode(emutv::ClockMode::Virtual);
+    {
+        std::lock_guard<std::recursive_mutex> g(tv.mutex());
+        tv.compr().answers = emutv::ComprModel::Answers::Modelled;
+        tv.compr().pacing = emutv::AudioDecoder::Pacing::Pcm;
+    }
 
     std::vector<TrackRun> tracks(sc_.tracks.size());
     for (const Command& c : sc_.commands)
@@ -1037,12 +963,12 @@ int Session::run() {
         if (!next)
             break;
         now_.store(std::max(now_.load(), next->due));
+        tv.set_virtual_time_ns(now_.load() * 1000);
         run_line_step(*next);
     }
     release_left_open();
     fflush(stdout);
     tv.set_listener(nullptr);
-    decoder_.advance(now_.load());
     summary();
     bool pic_ok = !opt_.write_svg || write_svg();
     printf("summary: %s\n", mismatches_ == 0 && pic_ok ? "OK" : "FAILED");
