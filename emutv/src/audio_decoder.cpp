@@ -80,10 +80,12 @@ bool parse_ac3(const uint8_t* p, AudioFrameInfo* out) {
 
 bool parse_audio_frame(const uint8_t* p, size_t n, AudioFrameInfo* out, bool* need_more) {
     *need_more = false;
-    if (n < 2) {
+    if (n == 0 || (n == 1 && (p[0] == 0xFF || p[0] == 0x0B))) {
         *need_more = true;
         return false;
     }
+    if (n == 1)
+        return false;
     const bool adts = p[0] == 0xFF && (p[1] & 0xF6) == 0xF0;
     const bool ac3 = p[0] == 0x0B && p[1] == 0x77;
     if (!adts && !ac3)
@@ -237,7 +239,7 @@ void AudioDecoder::play_parsed(int64_t budget_ns) {
 
 // Pcm pacing: the decoder's buffer holds up to dsp_bytes ahead of what it played.
 void AudioDecoder::settle_pcm() {
-    if (!running_)
+    if (!running_ || config_.pacing != Pacing::Pcm)
         return;
     const uint64_t played = played_e9_ / static_cast<uint64_t>(kNsPerS);
     copied_ = std::max(copied_, std::min(written_, played + config_.dsp_bytes));

@@ -13,6 +13,7 @@
 
 #include <drm.h>
 #include <drm_mode.h>
+#include <sound/asound.h>
 
 #include "core.h"
 #include "emutv/audio_decoder.h"
@@ -147,6 +148,7 @@ int64_t clock_now_ns() {
 void timeline_sync() {
     Timeline& t = timeline();
     const int64_t now = clock_now_ns();
+    t.synced_ns = now;
     follow_mixer(t);
     const int32_t hz = core().vplt->vsync_hz;
     if (hz != t.hz)
@@ -161,10 +163,57 @@ void timeline_sync() {
     advance_audio(t, now);
 }
 
-void timeline_observe(const Event& ev) {
-    if (ev.result < 0)
+namespace {
+
+bool logging(const Timeline& t) {
+    return t.listener || t.log_fd >= 0;
+}
+
+void emit_event(Timeline& t, const std::string& what, const std::string& detail) {
+    if (!logging(t))
         return;
+    TimelineEntry e;
+    e.type = TimelineEntry::Type::Event;
+    e.t_ns = clock_now_ns();
+    e.what = what;
+    e.detail = detail;
+    write_entry(t, e);
+}
+
+void note_resolution(Timeline& t, long long w, long long h) {
+    if (w <= 0 || h <= 0 || (w == t.frame_w && h == t.frame_h))
+        return;
+    t.frame_w = static_cast<uint32_t>(w);
+    t.frame_h = static_cast<uint32_t>(h);
+    emit_event(t, "resolution", std::to_string(w) + "x" + std::to_string(h));
+}
+
+void note_mixer_write(Timeline& t) {
+    const auto& writes = core().sound->writes;
+    if (writes.empty())
+        return;
+    const SoundCardModel::Write& w = writes.back();
+    if (w.name == "audio dec0 playback rate")
+        emit_event(t, "speed", std::to_string(w.value));
+    else if (w.name == "main out mute")
+        emit_event(t, "audio-mute", w.value ? "on" : "off");
+    else
+        emit_event(t, "volume", w.name + "=" + std::to_string(w.value));
+}
+
+}  // namespace
+
+void timeline_observe(const Event& ev) {
     Timeline& t = timeline();
+    if (ev.result < 0) {
+        if (logging(t) && ev.kind != Kind::Call)
+            emit_event(t, "failed", ev.name + (ev.err ? std::string(" ") + strerror(ev.err) : std::string()));
+        return;
+    }
+    if (ev.device == Device::SoundCtl && ev.kind == Kind::Ioctl && ev.request == SNDRV_CTL_IOCTL_ELEM_WRITE) {
+        note_mixer_write(t);
+        return;
+    }
     if (ev.device == Device::Drm && ev.kind == Kind::Ioctl) {
         if (ev.request == DRM_IOCTL_MODE_SETPLANE) {
             t.has_plane = true;
@@ -175,8 +224,13 @@ void timeline_observe(const Event& ev) {
         } else if (ev.request == DRM_IOCTL_SDP_SET_ONOFF && ev.has("set_func") &&
                    ev.field("set_func") == DRM_SDP_FUNC_MUTE_ONOFF) {
             t.muted = ev.field("onoff_flag") != 0;
+            emit_event(t, "mute", t.muted ? "on" : "off");
         } else if (ev.request == DRM_IOCTL_SDP_SET_DP_SOURCE) {
-            t.source = static_cast<int>(ev.field("inputport"));
+            const int port = static_cast<int>(ev.field("inputport"));
+            if (port != t.source)
+                emit_event(t, "source", input_port_name(port));
+            t.source = port;
+            note_resolution(t, ev.field("hres"), ev.field("vres"));
             const int64_t index = ev.field("display_index");
             if (index != kNoPicture) {
                 t.has_announced = true;
@@ -184,6 +238,9 @@ void timeline_observe(const Event& ev) {
                 t.pending++;
             }
         }
+    } else if (ev.device == Device::Vplt && ev.kind == Kind::Ioctl && ev.has("cmd") &&
+               ev.field("cmd") == EN_VPLT_IOC_FR2IP_SetNextResolution && ev.has("frame_hres")) {
+        note_resolution(t, ev.field("frame_hres"), ev.field("frame_vres"));
     } else if (ev.device == Device::Vplt && ev.kind == Kind::Ioctl && ev.has("cmd") &&
                ev.field("cmd") == EN_VPLT_IOC_FR2IP_SetPTS) {
         t.has_pts = true;
@@ -202,12 +259,14 @@ void timeline_reset() {
     const int64_t now = clock_now_ns();
     fresh.origin_ns = now;
     fresh.last_vsync_ns = now;
+    fresh.synced_ns = now;
     fresh.hz = core().vplt->vsync_hz;
     t = std::move(fresh);
 }
 
 void vsync_offset_now(int32_t* sec, int32_t* nsec) {
-    const int64_t since = clock_now_ns() - timeline().last_vsync_ns;
+    // The request's time is that of the catch-up it began with.
+    const int64_t since = timeline().synced_ns - timeline().last_vsync_ns;
     *sec = static_cast<int32_t>(since / 1000000000LL);
     *nsec = static_cast<int32_t>(since % 1000000000LL);
 }
@@ -297,6 +356,34 @@ const char* input_port_name(int port) {
     return port >= 0 && port <= 14 ? kNames[port] : "?";
 }
 
+namespace {
+
+std::string json_text(const std::string& s) {
+    std::string out;
+    for (char c : s) {
+        if (c == '"' || c == '\\')
+            out += '\\';
+        if (static_cast<unsigned char>(c) >= 0x20)
+            out += c;
+    }
+    return out;
+}
+
+// A string value written by json_text, from its opening quote.
+std::string json_string(const char* v) {
+    std::string out;
+    if (!v || *v != '"')
+        return out;
+    for (const char* p = v + 1; *p && *p != '"'; ++p) {
+        if (*p == '\\' && p[1])
+            ++p;
+        out += *p;
+    }
+    return out;
+}
+
+}  // namespace
+
 std::string TimelineEntry::json(int pid) const {
     std::ostringstream o;
     if (type == Type::Vsync) {
@@ -321,6 +408,9 @@ std::string TimelineEntry::json(int pid) const {
         else
             o << "null";
         o << '}';
+    } else if (type == Type::Event) {
+        o << "{\"type\":\"event\",\"pid\":" << pid << ",\"t_ns\":" << t_ns << ",\"what\":\"" << json_text(what)
+          << "\",\"detail\":\"" << json_text(detail) << "\"}";
     } else {
         o << "{\"type\":\"audio\",\"pid\":" << pid << ",\"t_ns\":" << t_ns << ",\"frames\":" << frames
           << ",\"played\":" << played << ",\"media_us\":" << media_us
@@ -414,6 +504,12 @@ bool parse_timeline_line(const std::string& line, TimelineEntry* out) {
             e.avail = static_cast<uint64_t>(v);
         if (json_int(line, "undecodable", &v))
             e.undecodable = static_cast<uint64_t>(v);
+    } else if (line.find("{\"type\":\"event\"") == 0) {
+        e.type = TimelineEntry::Type::Event;
+        if (!json_int(line, "t_ns", &e.t_ns))
+            return false;
+        e.what = json_string(json_value(line, "what"));
+        e.detail = json_string(json_value(line, "detail"));
     } else {
         return false;
     }

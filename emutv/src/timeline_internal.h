@@ -24,6 +24,7 @@ struct Timeline {
     int64_t origin_k = 0;
     int64_t next_k = 1;
     int64_t last_vsync_ns = 0;  // time of the last vsync produced (the origin before any)
+    int64_t synced_ns = 0;      // the clock's time of the last catch-up
 
     // The main plane, from the requests that reached the drivers.
     bool has_plane = false;
@@ -38,6 +39,7 @@ struct Timeline {
     bool has_pts = false;
     int64_t pts = 0;
     std::vector<int64_t> pts_since;
+    uint32_t frame_w = 0, frame_h = 0;  // size of the frames announced
 
     // Mixer state the audio decoder follows.
     size_t mixer_writes_seen = 0;

@@ -30,6 +30,13 @@
 //   queued      bytes written and not yet taken by the decoder
 //   avail       the AVAIL answer at the end of the period
 //   undecodable bytes found undecodable since START
+// Fields of an event entry (written when a request changes what is seen or heard, or fails):
+//   {"type":"event","pid":P,"t_ns":T,"what":W,"detail":D}
+//   what    "mute" (the main plane; detail "on"/"off"), "source" (detail the new input
+//           port), "resolution" (detail "WxH" of the frames announced), "volume" (a gain
+//           control; detail "<control>=<value>"), "speed" (the playback rate control;
+//           detail the percent), "audio-mute" ("main out mute"; "on"/"off"),
+//           "failed" (detail "<request> <errno text>")
 #pragma once
 
 #include <stdint.h>
@@ -40,7 +47,7 @@
 namespace emutv {
 
 struct TimelineEntry {
-    enum class Type { Vsync, Audio };
+    enum class Type { Vsync, Audio, Event };
     Type type = Type::Vsync;
     int64_t t_ns = 0;
     // Vsync
@@ -65,6 +72,9 @@ struct TimelineEntry {
     uint64_t queued = 0;
     uint64_t avail = 0;
     uint64_t undecodable = 0;
+    // Event
+    std::string what;
+    std::string detail;
 
     // The entry's JSON line (no newline); `pid` is the process id written into it.
     std::string json(int pid) const;
