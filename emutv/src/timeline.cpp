@@ -206,7 +206,9 @@ void note_mixer_write(Timeline& t) {
 void timeline_observe(const Event& ev) {
     Timeline& t = timeline();
     if (ev.result < 0) {
-        if (logging(t) && ev.kind != Kind::Call)
+        // Opens of absent nodes are how the library probes for devices: not a failure.
+        const bool probe = ev.kind == Kind::Open && ev.err == ENOENT;
+        if (logging(t) && ev.kind != Kind::Call && !probe)
             emit_event(t, "failed", ev.name + (ev.err ? std::string(" ") + strerror(ev.err) : std::string()));
         return;
     }
@@ -255,8 +257,8 @@ void timeline_reset() {
     fresh.mode = t.mode;
     fresh.log_fd = t.log_fd;
     fresh.log_path = t.log_path;
-    fresh.virtual_ns = t.virtual_ns;
-    const int64_t now = clock_now_ns();
+    // The virtual clock starts again at zero; the real one goes on.
+    const int64_t now = t.mode == ClockMode::Real ? monotonic_ns() : 0;
     fresh.origin_ns = now;
     fresh.last_vsync_ns = now;
     fresh.synced_ns = now;
@@ -409,8 +411,8 @@ std::string TimelineEntry::json(int pid) const {
             o << "null";
         o << '}';
     } else if (type == Type::Event) {
-        o << "{\"type\":\"event\",\"pid\":" << pid << ",\"t_ns\":" << t_ns << ",\"what\":\"" << json_text(what)
-          << "\",\"detail\":\"" << json_text(detail) << "\"}";
+        o << "{\"type\":\"event\",\"pid\":" << pid << ",\"t_ns\":" << t_ns << ",\"what\":\""
+          << json_text(what) << "\",\"detail\":\"" << json_text(detail) << "\"}";
     } else {
         o << "{\"type\":\"audio\",\"pid\":" << pid << ",\"t_ns\":" << t_ns << ",\"frames\":" << frames
           << ",\"played\":" << played << ",\"media_us\":" << media_us

@@ -63,7 +63,8 @@ void timeline_sync();
 // What a request that reached a driver changed on the plane.
 void timeline_observe(const Event& ev);
 
-// Back to the power-on state (clock mode, log file and listener stay).
+// Back to the power-on state: the virtual clock at zero, the vsync grid starting now
+// (clock mode and log file stay).
 void timeline_reset();
 
 // Real-time answers of the video platform.

@@ -224,7 +224,8 @@ TEST(AudioDecoderModel, at_every_poll_avail_tstamp_and_remain_agree_over_random_
                                  stream.begin() + static_cast<long>(fed + n));
                     const uint64_t room = d.avail();
                     const size_t taken = d.write(block.data(), block.size());
-                    ASSERT_EQ(taken, std::min<uint64_t>(room, block.size())) << "a short write takes the room";
+                    ASSERT_EQ(taken, std::min<uint64_t>(room, block.size()))
+                        << "a short write takes the room";
                     written_since_start += taken;
                     fed = (fed + n) % (stream.size() - 4000);
                     // Realign on a frame boundary now and then happens by itself: the
@@ -298,7 +299,8 @@ class DecoderOnPlatform : public ruvo_test::PlatformTest {
         PlatformTest::TearDown();
     }
     void push(const std::vector<uint8_t>& data) {
-        ASSERT_EQ(quarvel_audio_output_push_data(out_, data.data(), static_cast<unsigned>(data.size()), 0), 0);
+        ASSERT_EQ(quarvel_audio_output_push_data(out_, data.data(), static_cast<unsigned>(data.size()), 0),
+                  0);
     }
     void at_ms(int64_t ms) { tv().set_virtual_time_ns(ms * kMs); }
 

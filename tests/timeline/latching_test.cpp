@@ -180,12 +180,13 @@ TEST_F(Latching, the_log_file_holds_one_json_line_per_entry_that_reads_back_the_
                         "{\"type\":\"event\",\"pid\":" + pid + at +
                             "\"what\":\"resolution\",\"detail\":\"1920x1080\"}"),
               event_lines.end());
-    EXPECT_EQ(vsync_lines[0], "{\"type\":\"vsync\",\"pid\":" + pid + ",\"t_ns\":" + std::to_string(base_ + 20 * kMs) +
-                            ",\"vsync\":1,\"frame\":3,\"new\":true,\"dropped\":0,\"pts\":1234,\"pts_set\":[1234]," +
-                            "\"plane\":{\"x\":" + std::to_string(vsyncs_[0].x) + ",\"y\":" +
-                            std::to_string(vsyncs_[0].y) + ",\"w\":" + std::to_string(vsyncs_[0].w) +
-                            ",\"h\":" + std::to_string(vsyncs_[0].h) + "},\"muted\":" +
-                            (vsyncs_[0].muted ? "true" : "false") + ",\"source\":\"mm\"}");
+    EXPECT_EQ(vsync_lines[0],
+              "{\"type\":\"vsync\",\"pid\":" + pid + ",\"t_ns\":" + std::to_string(base_ + 20 * kMs) +
+                  ",\"vsync\":1,\"frame\":3,\"new\":true,\"dropped\":0,\"pts\":1234,\"pts_set\":[1234]," +
+                  "\"plane\":{\"x\":" + std::to_string(vsyncs_[0].x) +
+                  ",\"y\":" + std::to_string(vsyncs_[0].y) + ",\"w\":" + std::to_string(vsyncs_[0].w) +
+                  ",\"h\":" + std::to_string(vsyncs_[0].h) +
+                  "},\"muted\":" + (vsyncs_[0].muted ? "true" : "false") + ",\"source\":\"mm\"}");
     for (size_t i = 0; i < lines.size(); ++i) {
         emutv::TimelineEntry e;
         ASSERT_TRUE(emutv::parse_timeline_line(lines[i], &e)) << lines[i];

@@ -12,7 +12,7 @@ namespace timeline_test {
 inline std::vector<uint8_t> adts_frame(uint32_t bytes, uint8_t fill = 0x21) {
     std::vector<uint8_t> f(bytes, fill);
     f[0] = 0xFF;
-    f[1] = 0xF1;                                        // MPEG-4, layer 0, no CRC
+    f[1] = 0xF1;                                         // MPEG-4, layer 0, no CRC
     f[2] = static_cast<uint8_t>((1u << 6) | (3u << 2));  // AAC LC, 48 kHz
     f[3] = static_cast<uint8_t>((2u << 6) | ((bytes >> 11) & 3u));
     f[4] = static_cast<uint8_t>((bytes >> 3) & 0xFF);
@@ -22,7 +22,8 @@ inline std::vector<uint8_t> adts_frame(uint32_t bytes, uint8_t fill = 0x21) {
 }
 
 // `seconds` of ADTS at 48 kHz: enough 1024-sample frames to cover the time.
-inline std::vector<uint8_t> adts_stream(double seconds, uint32_t frame_bytes, uint32_t* frames_out = nullptr) {
+inline std::vector<uint8_t> adts_stream(double seconds, uint32_t frame_bytes,
+                                        uint32_t* frames_out = nullptr) {
     const uint32_t frames = static_cast<uint32_t>(seconds * 48000.0 / 1024.0 + 0.999999);
     std::vector<uint8_t> s;
     for (uint32_t i = 0; i < frames; ++i) {

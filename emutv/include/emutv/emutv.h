@@ -141,7 +141,8 @@ public:
     SoundCardModel& sound();
     ComprModel& compr();
 
-    // The clock. In Real mode the vsync grid starts at the call (and at reset()).
+    // The clock. The vsync grid starts at the call (and at reset(), which also sets the
+    // virtual time back to zero and drops the timeline listener).
     void set_clock_mode(ClockMode mode);
     ClockMode clock_mode() const;
     // Virtual time in nanoseconds (ignored in Real mode); it only goes forward.

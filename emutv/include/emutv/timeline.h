@@ -36,7 +36,8 @@
 //           port), "resolution" (detail "WxH" of the frames announced), "volume" (a gain
 //           control; detail "<control>=<value>"), "speed" (the playback rate control;
 //           detail the percent), "audio-mute" ("main out mute"; "on"/"off"),
-//           "failed" (detail "<request> <errno text>")
+//           "failed" (detail "<request> <errno text>"; an open of an absent node is a
+//           probe, not a failure)
 #pragma once
 
 #include <stdint.h>
