@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "emutv/timeline.h"
+#include "ruvo/quarvel_audio_output.h"
+#include "stream_builders.h"
 #include "ruvo/quarvel_video_output.h"
 #include "test_support.h"
 
@@ -160,6 +162,57 @@ TEST_F(RealTime, ten_seconds_of_50_fps_give_500_latches_one_per_vsync_and_answer
         EXPECT_TRUE(found) << "offset " << s.offset_ns << " answered between " << s.before_ns << " and "
                            << s.after_ns;
     }
+}
+
+// The decoder model in real time: a two-second ADTS stream, all of it in the ring at
+// START, plays at the pace of the clock. The log's own times say so exactly (the decoder
+// never starves); the wall time it took is only checked generously.
+TEST_F(RealTime, the_audio_decoder_plays_a_two_second_stream_in_two_seconds) {
+    tv().add_compr_device("/dev/snd/comprC0D0");
+    tv().compr().ring_bytes = 65536;
+    tv().compr().dsp_bytes = 8192;
+    uint32_t frames = 0;
+    const auto stream = timeline_test::adts_stream(2.0, 400, &frames);
+    ASSERT_LT(stream.size(), 65536u);
+    quarvel_audio_output_s* audio = quarvel_audio_output_open("/dev/snd/comprC0D0");
+    ASSERT_NE(audio, nullptr);
+    quarvel_audio_output_setup_params_s p{};
+    p.channels = 2;
+    p.sample_rate = 48000;
+    ASSERT_EQ(quarvel_audio_output_setup(audio, &p), 0);
+    const int64_t start = monotonic_ns();
+    ASSERT_EQ(quarvel_audio_output_push_data(audio, stream.data(), static_cast<unsigned>(stream.size()), 0),
+              0);
+    const uint64_t total = uint64_t{frames} * 1024;
+    const int64_t duration_ns = static_cast<int64_t>(total * 1000000000ULL / 48000);
+    quarvel_audio_output_info_s info{};
+    do {
+        usleep(20000);
+        ASSERT_EQ(quarvel_audio_output_get_info(audio, &info), 0);
+    } while (tv().compr().decoder.frames_played() < total && monotonic_ns() - start < 20 * 1000000000LL);
+    const int64_t took = monotonic_ns() - start;
+    quarvel_audio_output_close(audio);
+    EXPECT_GE(took, duration_ns - 10000000) << "never faster than the stream";
+    EXPECT_LT(took, duration_ns + 5000000000LL) << "generous: the machine may be loaded";
+
+    // From the log: each decoder period played its 10 ms of media until the stream ended.
+    tv().sync_timeline();
+    std::ifstream in(log_path_);
+    int64_t started = -1, periods = 0;
+    for (std::string line; std::getline(in, line);) {
+        emutv::TimelineEntry e;
+        ASSERT_TRUE(emutv::parse_timeline_line(line, &e)) << line;
+        if (e.type != emutv::TimelineEntry::Type::Audio)
+            continue;
+        if (started < 0)
+            started = e.t_ns - 10000000;
+        if (e.t_ns - started <= duration_ns) {
+            EXPECT_EQ(e.media_us, (e.t_ns - started) / 1000) << "period " << periods;
+            EXPECT_EQ(e.played, 480u);
+        }
+        periods++;
+    }
+    EXPECT_GE(periods, duration_ns / 10000000);
 }
 
 }  // namespace
