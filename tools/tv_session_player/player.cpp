@@ -1057,10 +1057,12 @@ emulated TV platform, in virtual time. Prints, in order of happening:
   summary: ...                                   requests per kind, frames shown,
                                                  hides, source changes, audio frames
                                                  pushed, delays reported
-and draws the session as an SVG picture: the panel at each moment the video plane
-was programmed, muted, unmuted or re-sourced (the rectangle from the SETPLANE
-request, scaled to the panel), the plane state and input source along the time
-axis, and the audio delay (frames_delay) beneath.
+and draws the session as an SVG picture from the emulated TV's timeline (vsyncs at
+the panel rate in virtual time): the video plane's x, y, w and h over time with its
+shown/muted and source bands, the events (mute, source, resolution, volume, speed,
+failed requests, unexpected results), frame pacing against vsync, the audio
+decoder's buffer with the no-space answers, and the audio delay (frames_delay).
+RUVO_EMUTV_LOG=FILE also writes that timeline as JSON lines.
 
 Options:
   --svg FILE     write the picture to FILE (default: SCENARIO's name with .svg,
