@@ -2,7 +2,10 @@
 //   RUVO_EMUTV_CLOCK=virtual|real  the clock mode (default: real when the emulator was
 //                                  loaded with LD_PRELOAD, virtual when linked in)
 //   RUVO_EMUTV_LOG=<file>          the timeline log (see emutv/timeline.h)
-// A log that cannot be written ends the process before main with status 2.
+// A log that cannot be written ends the process before main with status 2. The process
+// that opens the log first truncates it and leaves RUVO_EMUTV_LOG_OWNER=<pid> in its
+// environment; a process started from it (the environment inherited) appends instead,
+// so that a program's helper processes never wipe its log.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -11,6 +14,7 @@
 #include <string>
 
 #include "emutv/emutv.h"
+#include "timeline_internal.h"
 
 namespace {
 
@@ -39,11 +43,15 @@ __attribute__((constructor)) void start_clock_and_log() {
     const char* log = getenv("RUVO_EMUTV_LOG");
     if (log == nullptr || *log == '\0')
         return;
+    const char* owner = getenv("RUVO_EMUTV_LOG_OWNER");
+    const bool inherited = owner != nullptr && *owner != '\0';
     std::string error;
-    if (!emutv::platform().open_timeline_log(log, &error)) {
+    if (!emutv::detail::open_log(log, !inherited, &error)) {
         fprintf(stderr, "emutv: %s: cannot write: %s\n", log, error.c_str());
         _exit(2);
     }
+    if (!inherited)
+        setenv("RUVO_EMUTV_LOG_OWNER", std::to_string(getpid()).c_str(), 1);
     atexit(flush_timeline_at_exit);
 }
 

@@ -148,9 +148,12 @@ int64_t clock_now_ns() {
 void timeline_sync() {
     Timeline& t = timeline();
     const int64_t now = clock_now_ns();
+    const int32_t hz = core().vplt->vsync_hz;
+    // Nothing moved since the last catch-up (the virtual clock between two of its steps).
+    if (now == t.synced_ns && hz == t.hz && core().sound->writes.size() == t.mixer_writes_seen)
+        return;
     t.synced_ns = now;
     follow_mixer(t);
-    const int32_t hz = core().vplt->vsync_hz;
     if (hz != t.hz)
         relay_grid(t, hz);
     if (hz > 0) {
@@ -205,6 +208,9 @@ void note_mixer_write(Timeline& t) {
 
 void timeline_observe(const Event& ev) {
     Timeline& t = timeline();
+    // In virtual time the plane is followed only for a listener or a log.
+    if (t.mode == ClockMode::Virtual && !logging(t))
+        return;
     if (ev.result < 0) {
         // Opens of absent nodes are how the library probes for devices: not a failure.
         const bool probe = ev.kind == Kind::Open && ev.err == ENOENT;
@@ -324,19 +330,25 @@ void Platform::set_timeline_listener(std::function<void(const TimelineEntry&)> l
     detail::timeline().listener = std::move(listener);
 }
 
-bool Platform::open_timeline_log(const std::string& path, std::string* error) {
-    detail::Inside inside;
-    std::lock_guard<std::recursive_mutex> g(detail::core().mu);
-    close_timeline_log();
-    int fd = detail::sys_open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+bool detail::open_log(const std::string& path, bool truncate, std::string* error) {
+    Inside inside;
+    std::lock_guard<std::recursive_mutex> g(core().mu);
+    platform().close_timeline_log();
+    // Appending, each line is one write: lines of processes sharing the file never mix.
+    const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | (truncate ? O_TRUNC : 0);
+    int fd = sys_open(path.c_str(), flags, 0644);
     if (fd < 0) {
         if (error)
             *error = strerror(errno);
         return false;
     }
-    detail::timeline().log_fd = fd;
-    detail::timeline().log_path = path;
+    timeline().log_fd = fd;
+    timeline().log_path = path;
     return true;
+}
+
+bool Platform::open_timeline_log(const std::string& path, std::string* error) {
+    return detail::open_log(path, true, error);
 }
 
 void Platform::close_timeline_log() {

@@ -67,6 +67,10 @@ void timeline_observe(const Event& ev);
 // (clock mode and log file stay).
 void timeline_reset();
 
+// Opens the log; `truncate` false appends (a child process writing into the log its
+// parent started). Sets *error on failure.
+bool open_log(const std::string& path, bool truncate, std::string* error);
+
 // Real-time answers of the video platform.
 void vsync_offset_now(int32_t* sec, int32_t* nsec);
 int32_t frames_not_latched();

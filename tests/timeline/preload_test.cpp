@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -36,7 +37,7 @@ std::string slurp(const std::string& path) {
 }
 
 // Runs the probe with `env` added to a clean environment.
-ProbeRun run_probe(const std::vector<std::string>& env) {
+ProbeRun run_probe(const std::vector<std::string>& env, const char* arg = nullptr) {
     char dir[] = "/tmp/emutv-preload-XXXXXX";
     EXPECT_NE(mkdtemp(dir), nullptr);
     const std::string out = std::string(dir) + "/out", err = std::string(dir) + "/err";
@@ -52,7 +53,7 @@ ProbeRun run_probe(const std::vector<std::string>& env) {
     posix_spawn_file_actions_init(&fa);
     posix_spawn_file_actions_addopen(&fa, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     posix_spawn_file_actions_addopen(&fa, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    char* argv[] = {const_cast<char*>(CLOCK_PROBE), nullptr};
+    char* argv[] = {const_cast<char*>(CLOCK_PROBE), const_cast<char*>(arg), nullptr};
     pid_t pid = -1;
     ProbeRun r;
     EXPECT_EQ(posix_spawn(&pid, CLOCK_PROBE, &fa, nullptr, argv, envp.data()), 0);
@@ -66,7 +67,8 @@ ProbeRun run_probe(const std::vector<std::string>& env) {
     return r;
 }
 
-std::vector<emutv::TimelineEntry> vsyncs_in(const std::string& path) {
+std::vector<emutv::TimelineEntry> vsyncs_in(const std::string& path,
+                                            std::map<int, size_t>* per_pid = nullptr) {
     std::vector<emutv::TimelineEntry> out;
     std::ifstream in(path);
     for (std::string line; std::getline(in, line);) {
@@ -74,6 +76,9 @@ std::vector<emutv::TimelineEntry> vsyncs_in(const std::string& path) {
         EXPECT_TRUE(emutv::parse_timeline_line(line, &e)) << line;
         if (e.type == emutv::TimelineEntry::Type::Vsync)
             out.push_back(e);
+        const size_t p = line.find("\"pid\":");
+        if (per_pid && p != std::string::npos)
+            (*per_pid)[std::stoi(line.substr(p + 6))]++;
     }
     return out;
 }
@@ -136,6 +141,19 @@ TEST_F(Preload, a_log_that_cannot_be_written_stops_the_process_before_main) {
     EXPECT_EQ(WEXITSTATUS(r.status), 2);
     EXPECT_EQ(r.err, "emutv: /nonexistent-dir/timeline: cannot write: No such file or directory\n");
     EXPECT_EQ(r.out, "") << "main never ran";
+}
+
+TEST_F(Preload, a_child_started_by_exec_appends_to_the_log_and_leaves_the_parents_lines) {
+    ProbeRun r =
+        run_probe({std::string("LD_PRELOAD=") + EMUTV_LIBRARY, "RUVO_EMUTV_LOG=" + log_}, "exec-child");
+    ASSERT_TRUE(WIFEXITED(r.status)) << r.err;
+    ASSERT_EQ(WEXITSTATUS(r.status), 0) << r.err;
+    std::map<int, size_t> per_pid;
+    const auto vsyncs = vsyncs_in(log_, &per_pid);
+    ASSERT_EQ(per_pid.size(), 2u) << "the parent's lines and the child's";
+    for (const auto& kv : per_pid)
+        EXPECT_GE(kv.second, 7u) << "pid " << kv.first;
+    EXPECT_EQ(r.out.size(), 2 * 5 * std::string("hz=59940 offset=0.000000000\n").size());
 }
 
 }  // namespace

@@ -152,7 +152,8 @@ public:
 
     // The timeline (see emutv/timeline.h). Vsyncs and decoder periods are produced when
     // a request comes, when the virtual time is set and on sync_timeline(), all up to
-    // the clock's now; each entry goes to the listener and to the log file.
+    // the clock's now; each entry goes to the listener and to the log file. In virtual
+    // time the plane is followed only while a listener or a log is set.
     void sync_timeline();
     void set_timeline_listener(std::function<void(const TimelineEntry&)> listener);
     // Starts writing the log to `path` (truncated). False, with the reason, when it
