@@ -147,8 +147,8 @@ TEST_F(RealTime, ten_seconds_of_50_fps_give_500_latches_one_per_vsync_and_answer
     // more periods it took depends on the machine's load; it is reported, not asserted.
     EXPECT_GE(last_k - first_k, static_cast<int64_t>(kFrames) - 1);
     RecordProperty("vsyncs_from_first_to_last_latch", static_cast<int>(last_k - first_k));
-    printf("realtime: %zu latches over %lld vsyncs\n", latched.size(),
-           static_cast<long long>(last_k - first_k));
+    fprintf(stderr, "realtime: %zu latches over %lld vsyncs\n", latched.size(),
+            static_cast<long long>(last_k - first_k));
 
     // The rate answer is the log's period; each offset answer points at a vsync of the log.
     ASSERT_FALSE(offsets.empty());
