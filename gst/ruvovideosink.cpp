@@ -32,17 +32,31 @@ namespace {
 constexpr int kMaxFrameSide = 8192;
 constexpr gint64 kDefaultVsyncPeriodUs = 20000;  // 50 Hz, when the driver has no rate yet
 
-#define RUVO_RAW_CAPS_FIELDS                                                                     \
-    "format = (string) { NV12, I420, P010_10LE }, width = (int) [ 1, 8192 ], height = (int) [ 1, " \
-    "8192 ], framerate = (fraction) [ 0/1, 240/1 ], pixel-aspect-ratio = (fraction) [ 1/255, 255/1 ]"
-
+// Frame rate and pixel aspect are left out of the template (caps without them are
+// accepted); set_caps refuses an absurd value of either.
 GstStaticPadTemplate sink_template = GST_STATIC_PAD_TEMPLATE(
     "sink", GST_PAD_SINK, GST_PAD_ALWAYS,
     GST_STATIC_CAPS("video/x-raw(" RUVO_CAPS_FEATURE_META_FRAME
                     "), format = (string) { NV12, I420, P010_10LE, ENCODED }, width = (int) [ 1, 8192 ], "
-                    "height = (int) [ 1, 8192 ], framerate = (fraction) [ 0/1, 240/1 ], "
-                    "pixel-aspect-ratio = (fraction) [ 1/255, 255/1 ]; "
-                    "video/x-raw, " RUVO_RAW_CAPS_FIELDS));
+                    "height = (int) [ 1, 8192 ]; "
+                    "video/x-raw, format = (string) { NV12, I420, P010_10LE }, width = (int) [ 1, 8192 ], "
+                    "height = (int) [ 1, 8192 ]"));
+
+constexpr int kMaxAspectTerm = 255;  // pixel aspect between 1/255 and 255/1
+constexpr int kMaxFrameRate = 240;
+
+bool plausible(const GstVideoInfo& info) {
+    const int w = GST_VIDEO_INFO_WIDTH(&info);
+    const int h = GST_VIDEO_INFO_HEIGHT(&info);
+    const int par_n = GST_VIDEO_INFO_PAR_N(&info);
+    const int par_d = GST_VIDEO_INFO_PAR_D(&info);
+    const int fps_n = GST_VIDEO_INFO_FPS_N(&info);
+    const int fps_d = GST_VIDEO_INFO_FPS_D(&info);
+    return w > 0 && h > 0 && w <= kMaxFrameSide && h <= kMaxFrameSide && par_n > 0 && par_d > 0 &&
+           static_cast<gint64>(par_n) <= static_cast<gint64>(kMaxAspectTerm) * par_d &&
+           static_cast<gint64>(par_d) <= static_cast<gint64>(kMaxAspectTerm) * par_n && fps_n >= 0 && fps_d > 0 &&
+           static_cast<gint64>(fps_n) <= static_cast<gint64>(kMaxFrameRate) * fps_d;
+}
 
 enum {
     PROP_0,
@@ -493,9 +507,7 @@ gboolean sink_set_caps(GstBaseSink* bsink, GstCaps* caps) {
     RuvoVideoSink* self = RUVO_VIDEO_SINK(bsink);
     SinkState& s = *self->s;
     GstVideoInfo info;
-    if (!gst_video_info_from_caps(&info, caps) || GST_VIDEO_INFO_WIDTH(&info) <= 0 ||
-        GST_VIDEO_INFO_HEIGHT(&info) <= 0 || GST_VIDEO_INFO_WIDTH(&info) > kMaxFrameSide ||
-        GST_VIDEO_INFO_HEIGHT(&info) > kMaxFrameSide) {
+    if (!gst_video_info_from_caps(&info, caps) || !plausible(info)) {
         GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("Caps the video plane cannot show."),
                           ("caps %" GST_PTR_FORMAT, caps));
         return FALSE;

@@ -523,11 +523,19 @@ TEST_F(SinkTest, AnEmptyRawBufferIsAStreamError) {
     EXPECT_EQ(count("DRM_IOCTL_SDP_SET_DP_SOURCE"), 0u);
 }
 
+TEST_F(SinkTest, CapsWithoutFrameRateOrAspectAreAccepted) {
+    start("video/x-raw,format=NV12,width=1920,height=1080");
+    EXPECT_EQ(push(0), GST_FLOW_OK);
+    EXPECT_EQ(count("DRM_IOCTL_SDP_SET_DP_SOURCE"), 2u);
+}
+
 TEST_F(SinkTest, AbsurdCapsAreRefused) {
     for (const char* caps : {"video/x-raw,format=NV12,width=0,height=1080,framerate=25/1",
                              "video/x-raw,format=NV12,width=100000,height=1080,framerate=25/1",
                              "video/x-raw,format=RGB,width=1920,height=1080,framerate=25/1",
-                             "video/x-raw,format=NV12,width=1920,height=1080,framerate=25/1,pixel-aspect-ratio=0/1"}) {
+                             "video/x-raw,format=NV12,width=1920,height=1080,framerate=25/1,pixel-aspect-ratio=0/1",
+                             "video/x-raw,format=NV12,width=1920,height=1080,framerate=25/1,pixel-aspect-ratio=1000/1",
+                             "video/x-raw,format=NV12,width=1920,height=1080,framerate=100000/1"}) {
         start(nullptr);
         gst_harness_set_src_caps_str(h_, caps);
         EXPECT_EQ(push(0), GST_FLOW_NOT_NEGOTIATED) << caps;
