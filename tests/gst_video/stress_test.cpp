@@ -14,6 +14,14 @@ using namespace gst_video;
 
 namespace {
 
+// ThreadSanitizer's own shadow and history memory grows with the work done; resident memory
+// says nothing about the element there.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr bool kResidentMemoryMeaningful = false;
+#else
+constexpr bool kResidentMemoryMeaningful = true;
+#endif
+
 long resident_kib() {
     long pages = 0;
     long resident = 0;
@@ -77,7 +85,9 @@ TEST_F(SinkStress, NullToPlayingAThousandTimesKeepsDescriptorsAndMemoryFlat) {
         }
     }
     EXPECT_EQ(emutv::process_open_descriptors(), descriptors);
-    EXPECT_LT(resident_kib() - resident, 1024) << "KiB grown over 900 cycles";
+    if (kResidentMemoryMeaningful) {
+        EXPECT_LT(resident_kib() - resident, 1024) << "KiB grown over 900 cycles";
+    }
     EXPECT_GT(tv().count("open:/dev/qvl/qvkvplt") + tv().count("open"), opens);
     EXPECT_EQ(errors_, 0u);
 }
