@@ -54,8 +54,8 @@ bool plausible(const GstVideoInfo& info) {
     const int fps_d = GST_VIDEO_INFO_FPS_D(&info);
     return w > 0 && h > 0 && w <= kMaxFrameSide && h <= kMaxFrameSide && par_n > 0 && par_d > 0 &&
            static_cast<gint64>(par_n) <= static_cast<gint64>(kMaxAspectTerm) * par_d &&
-           static_cast<gint64>(par_d) <= static_cast<gint64>(kMaxAspectTerm) * par_n && fps_n >= 0 && fps_d > 0 &&
-           static_cast<gint64>(fps_n) <= static_cast<gint64>(kMaxFrameRate) * fps_d;
+           static_cast<gint64>(par_d) <= static_cast<gint64>(kMaxAspectTerm) * par_n && fps_n >= 0 &&
+           fps_d > 0 && static_cast<gint64>(fps_n) <= static_cast<gint64>(kMaxFrameRate) * fps_d;
 }
 
 enum {
@@ -137,7 +137,9 @@ namespace {
 
 using Lock = std::lock_guard<std::mutex>;
 
-SinkState& state(gpointer self) { return *RUVO_VIDEO_SINK(self)->s; }
+SinkState& state(gpointer self) {
+    return *RUVO_VIDEO_SINK(self)->s;
+}
 
 // ---------------------------------------------------------------------------------------
 // Geometry
@@ -180,7 +182,8 @@ void set_rectangle(RuvoVideoSink* self, gint x, gint y, gint w, gint h) {
     }
     Lock lock(s.handle_lock);
     s.rect_set = !(w == -1 && h == -1);
-    s.wanted = {x, y, static_cast<uint32_t>(s.rect_set ? w : 0), static_cast<uint32_t>(s.rect_set ? h : 0), 0, 0};
+    s.wanted = {x, y, static_cast<uint32_t>(s.rect_set ? w : 0), static_cast<uint32_t>(s.rect_set ? h : 0),
+                0, 0};
     GST_DEBUG_OBJECT(self, "rectangle %d,%d %dx%d", x, y, w, h);
     apply_rect_locked(self);
 }
@@ -218,8 +221,8 @@ bool open_output(RuvoVideoSink* self) {
     if (s.output == nullptr) {
         const int err = errno;
         GST_ELEMENT_ERROR(self, RESOURCE, OPEN_READ_WRITE, ("Could not open the TV's main video plane."),
-                          ("quarvel_video_output_open failed: %s (errno %d)", err ? g_strerror(err) : "no reason given",
-                           err));
+                          ("quarvel_video_output_open failed: %s (errno %d)",
+                           err ? g_strerror(err) : "no reason given", err));
         return false;
     }
     quarvel_video_output_get_panel_size(s.output, &s.panel_width, &s.panel_height);
@@ -261,8 +264,8 @@ GstFlowReturn describe_buffer(RuvoVideoSink* self, GstBuffer* buf) {
         const RuvoFrameMeta* meta = gst_buffer_get_ruvo_frame_meta(buf);
         if (meta == nullptr) {
             GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("A buffer without the decoder frame meta."),
-                              ("caps carry the " RUVO_CAPS_FEATURE_META_FRAME " feature but buffer %" GST_PTR_FORMAT
-                               " has no RuvoFrameMeta",
+                              ("caps carry the " RUVO_CAPS_FEATURE_META_FRAME
+                               " feature but buffer %" GST_PTR_FORMAT " has no RuvoFrameMeta",
                                buf));
             return GST_FLOW_NOT_NEGOTIATED;
         }
@@ -324,7 +327,8 @@ void announce_resolution_locked(RuvoVideoSink* self) {
     SinkState& s = *self->s;
     const int rc = quarvel_video_output_set_next_res(s.output, &s.frame);
     s.resolution_changes++;
-    GST_INFO_OBJECT(self, "next resolution %ux%u announced (%d)", s.desc.u.dec_info.hres, s.desc.u.dec_info.vres, rc);
+    GST_INFO_OBJECT(self, "next resolution %ux%u announced (%d)", s.desc.u.dec_info.hres,
+                    s.desc.u.dec_info.vres, rc);
     if (rc < 0) {
         s.failed_calls++;
     }
@@ -355,7 +359,8 @@ GstFlowReturn frame_refused(RuvoVideoSink* self, const char* call, int rc) {
     s.failed_calls++;
     s.failed_in_a_row++;
     if (s.failed_in_a_row >= kRuvoVideoSinkMaxFailedPushes) {
-        GST_ELEMENT_ERROR(self, RESOURCE, WRITE, ("The video plane refused %u frames in a row.", s.failed_in_a_row),
+        GST_ELEMENT_ERROR(self, RESOURCE, WRITE,
+                          ("The video plane refused %u frames in a row.", s.failed_in_a_row),
                           ("%s returned %d", call, rc));
         return GST_FLOW_ERROR;
     }
@@ -452,7 +457,8 @@ GstFlowReturn wait_one_vsync(RuvoVideoSink* self, gint64 period_us) {
     GstClock* clock = gst_element_get_clock(GST_ELEMENT(self));
     if (clock != nullptr && gst_base_sink_get_sync(bsink)) {
         const GstClockTime now = gst_clock_get_time(clock) - gst_element_get_base_time(GST_ELEMENT(self));
-        cret = gst_base_sink_wait_clock(bsink, now + static_cast<GstClockTime>(period_us) * GST_USECOND, nullptr);
+        cret = gst_base_sink_wait_clock(bsink, now + static_cast<GstClockTime>(period_us) * GST_USECOND,
+                                        nullptr);
     }
     if (clock != nullptr) {
         gst_object_unref(clock);
@@ -681,13 +687,12 @@ GstStructure* make_stats(RuvoVideoSink* self) {
     gst_structure_get_uint64(base, "dropped", &base_dropped);
     gst_structure_get_double(base, "average-rate", &average_rate);
     gst_structure_free(base);
-    return gst_structure_new("ruvovideosink-stats", "rendered", G_TYPE_UINT64, rendered, "dropped", G_TYPE_UINT64,
-                             base_dropped + s.dropped.load(), "average-rate", G_TYPE_DOUBLE, average_rate,
-                             "first-frame-latency", G_TYPE_UINT64, s.first_frame_latency_ns.load(), "vsyncs-seen",
-                             G_TYPE_UINT64, s.vsyncs_seen.load(), "rectangle-updates", G_TYPE_UINT64,
-                             s.rectangle_updates.load(), "resolution-changes", G_TYPE_UINT64,
-                             s.resolution_changes.load(), "failed-calls", G_TYPE_UINT64, s.failed_calls.load(),
-                             nullptr);
+    return gst_structure_new(
+        "ruvovideosink-stats", "rendered", G_TYPE_UINT64, rendered, "dropped", G_TYPE_UINT64,
+        base_dropped + s.dropped.load(), "average-rate", G_TYPE_DOUBLE, average_rate, "first-frame-latency",
+        G_TYPE_UINT64, s.first_frame_latency_ns.load(), "vsyncs-seen", G_TYPE_UINT64, s.vsyncs_seen.load(),
+        "rectangle-updates", G_TYPE_UINT64, s.rectangle_updates.load(), "resolution-changes", G_TYPE_UINT64,
+        s.resolution_changes.load(), "failed-calls", G_TYPE_UINT64, s.failed_calls.load(), nullptr);
 }
 
 guint queued_frames(RuvoVideoSink* self) {
@@ -818,70 +823,74 @@ void install_properties(GObjectClass* gobject_class) {
     const auto rw = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS);
     g_object_class_install_property(
         gobject_class, PROP_RECTANGLE,
-        g_param_spec_string("rectangle", "Rectangle",
-                            "Where the video is shown on the panel, \"x,y,w,h\" in panel pixels (a width or height "
-                            "of 0 hides the video); the whole panel until set",
-                            nullptr, rw));
+        g_param_spec_string(
+            "rectangle", "Rectangle",
+            "Where the video is shown on the panel, \"x,y,w,h\" in panel pixels (a width or height "
+            "of 0 hides the video); the whole panel until set",
+            nullptr, rw));
     g_object_class_install_property(
         gobject_class, PROP_SHOW_VIDEO_WINDOW,
-        g_param_spec_boolean("show-video-window", "Show video window",
-                             "FALSE hides the video (the plane is muted), TRUE shows it again in its rectangle", TRUE,
-                             rw));
-    g_object_class_install_property(gobject_class, PROP_VIDEO_WIDTH,
-                                    g_param_spec_int("video-width", "Video width",
-                                                     "Width of the negotiated video in pixels (0 before caps)", 0,
-                                                     G_MAXINT, 0, ro));
-    g_object_class_install_property(gobject_class, PROP_VIDEO_HEIGHT,
-                                    g_param_spec_int("video-height", "Video height",
-                                                     "Height of the negotiated video in lines (0 before caps)", 0,
-                                                     G_MAXINT, 0, ro));
-    g_object_class_install_property(gobject_class, PROP_DISPLAY_WIDTH,
-                                    g_param_spec_int("display-width", "Display width",
-                                                     "Width of the panel in pixels (0 while closed)", 0, G_MAXINT, 0,
-                                                     ro));
-    g_object_class_install_property(gobject_class, PROP_DISPLAY_HEIGHT,
-                                    g_param_spec_int("display-height", "Display height",
-                                                     "Height of the panel in pixels (0 while closed)", 0, G_MAXINT, 0,
-                                                     ro));
+        g_param_spec_boolean(
+            "show-video-window", "Show video window",
+            "FALSE hides the video (the plane is muted), TRUE shows it again in its rectangle", TRUE, rw));
+    g_object_class_install_property(
+        gobject_class, PROP_VIDEO_WIDTH,
+        g_param_spec_int("video-width", "Video width",
+                         "Width of the negotiated video in pixels (0 before caps)", 0, G_MAXINT, 0, ro));
+    g_object_class_install_property(
+        gobject_class, PROP_VIDEO_HEIGHT,
+        g_param_spec_int("video-height", "Video height",
+                         "Height of the negotiated video in lines (0 before caps)", 0, G_MAXINT, 0, ro));
+    g_object_class_install_property(
+        gobject_class, PROP_DISPLAY_WIDTH,
+        g_param_spec_int("display-width", "Display width", "Width of the panel in pixels (0 while closed)", 0,
+                         G_MAXINT, 0, ro));
+    g_object_class_install_property(
+        gobject_class, PROP_DISPLAY_HEIGHT,
+        g_param_spec_int("display-height", "Display height", "Height of the panel in pixels (0 while closed)",
+                         0, G_MAXINT, 0, ro));
     g_object_class_install_property(
         gobject_class, PROP_QUEUED_FRAMES,
         g_param_spec_uint("queued-frames", "Queued frames",
-                          "Frames the decoder still holds for display (asked from the driver on each read)", 0,
-                          G_MAXUINT, 0, ro));
+                          "Frames the decoder still holds for display (asked from the driver on each read)",
+                          0, G_MAXUINT, 0, ro));
     g_object_class_install_property(
         gobject_class, PROP_VIDEO_PTS,
-        g_param_spec_int64("video-pts", "Video PTS",
-                           "Timestamp last set for display, in 90 kHz units of stream time (-1 before the first)", -1,
-                           G_MAXINT64, -1, ro));
-    g_object_class_install_property(gobject_class, PROP_VSYNC_RATE,
-                                    g_param_spec_double("vsync-rate", "Vsync rate",
-                                                        "Refresh rate of the panel in Hz as the driver reports it "
-                                                        "(0 while unknown)",
-                                                        0.0, G_MAXDOUBLE, 0.0, ro));
+        g_param_spec_int64(
+            "video-pts", "Video PTS",
+            "Timestamp last set for display, in 90 kHz units of stream time (-1 before the first)", -1,
+            G_MAXINT64, -1, ro));
+    g_object_class_install_property(
+        gobject_class, PROP_VSYNC_RATE,
+        g_param_spec_double("vsync-rate", "Vsync rate",
+                            "Refresh rate of the panel in Hz as the driver reports it "
+                            "(0 while unknown)",
+                            0.0, G_MAXDOUBLE, 0.0, ro));
     g_object_class_install_property(
         gobject_class, PROP_STATS,
-        g_param_spec_boxed("stats", "Statistics",
-                           "rendered, dropped (the base sink's and refused frames), average-rate, "
-                           "first-frame-latency (ns from the first frame handed over to its latch being seen), "
-                           "vsyncs-seen (vsyncs waited through for a latch), rectangle-updates, "
-                           "resolution-changes, failed-calls",
-                           GST_TYPE_STRUCTURE, ro));
+        g_param_spec_boxed(
+            "stats", "Statistics",
+            "rendered, dropped (the base sink's and refused frames), average-rate, "
+            "first-frame-latency (ns from the first frame handed over to its latch being seen), "
+            "vsyncs-seen (vsyncs waited through for a latch), rectangle-updates, "
+            "resolution-changes, failed-calls",
+            GST_TYPE_STRUCTURE, ro));
     gst_video_overlay_install_properties(gobject_class, PROP_LAST);
 }
 
 void install_signals(GObjectClass* gobject_class) {
     // first-video-frame: the first frame of the stream is on the panel (learned from the
     // decoder's usage answer). Emitted from the streaming thread.
-    sink_signals[SIGNAL_FIRST_VIDEO_FRAME] = g_signal_new("first-video-frame", G_TYPE_FROM_CLASS(gobject_class),
-                                                          G_SIGNAL_RUN_LAST, 0, nullptr, nullptr, nullptr,
-                                                          G_TYPE_NONE, 0);
+    sink_signals[SIGNAL_FIRST_VIDEO_FRAME] =
+        g_signal_new("first-video-frame", G_TYPE_FROM_CLASS(gobject_class), G_SIGNAL_RUN_LAST, 0, nullptr,
+                     nullptr, nullptr, G_TYPE_NONE, 0);
     // hand-back-to-broadcast: action signal; at the end of an advertising break, puts the
     // broadcast decoder's picture back on the plane (only while the platform has set
     // TA_DTV_PRELOAD=1, see the README).
     sink_signals[SIGNAL_HAND_BACK_TO_BROADCAST] = g_signal_new_class_handler(
         "hand-back-to-broadcast", G_TYPE_FROM_CLASS(gobject_class),
-        static_cast<GSignalFlags>(G_SIGNAL_RUN_LAST | G_SIGNAL_ACTION), G_CALLBACK(hand_back_to_broadcast), nullptr,
-        nullptr, nullptr, G_TYPE_NONE, 0);
+        static_cast<GSignalFlags>(G_SIGNAL_RUN_LAST | G_SIGNAL_ACTION), G_CALLBACK(hand_back_to_broadcast),
+        nullptr, nullptr, nullptr, G_TYPE_NONE, 0);
 }
 
 }  // namespace

@@ -8,8 +8,9 @@ namespace ruvo_gst {
 ContentAspect content_aspect(const GstVideoInfo& info) {
     guint num = 0;
     guint den = 0;
-    if (!gst_video_calculate_display_ratio(&num, &den, GST_VIDEO_INFO_WIDTH(&info), GST_VIDEO_INFO_HEIGHT(&info),
-                                           GST_VIDEO_INFO_PAR_N(&info), GST_VIDEO_INFO_PAR_D(&info), 1, 1)) {
+    if (!gst_video_calculate_display_ratio(&num, &den, GST_VIDEO_INFO_WIDTH(&info),
+                                           GST_VIDEO_INFO_HEIGHT(&info), GST_VIDEO_INFO_PAR_N(&info),
+                                           GST_VIDEO_INFO_PAR_D(&info), 1, 1)) {
         return {};
     }
     return {num, den};
@@ -37,18 +38,19 @@ uint32_t framerate_code(int fps_n, int fps_d) {
         uint32_t code;
     };
     static const Entry kTable[] = {
-        {23976, V4L2_DRM_FRAMERATE_23_97HZ},  {24000, V4L2_DRM_FRAMERATE_24HZ},
-        {25000, V4L2_DRM_FRAMERATE_25HZ},     {29970, V4L2_DRM_FRAMERATE_29_97HZ},
-        {30000, V4L2_DRM_FRAMERATE_30HZ},     {47952, V4L2_DRM_FRAMERATE__47_94HZ},
-        {48000, V4L2_DRM_FRAMERATE_48HZ},     {50000, V4L2_DRM_FRAMERATE_50HZ},
-        {59940, V4L2_DRM_FRAMERATE_59_94HZ},  {60000, V4L2_DRM_FRAMERATE_60HZ},
-        {75000, V4L2_DRM_FRAMERATE_75HZ},     {100000, V4L2_DRM_FRAMERATE_100HZ},
+        {23976, V4L2_DRM_FRAMERATE_23_97HZ}, {24000, V4L2_DRM_FRAMERATE_24HZ},
+        {25000, V4L2_DRM_FRAMERATE_25HZ},    {29970, V4L2_DRM_FRAMERATE_29_97HZ},
+        {30000, V4L2_DRM_FRAMERATE_30HZ},    {47952, V4L2_DRM_FRAMERATE__47_94HZ},
+        {48000, V4L2_DRM_FRAMERATE_48HZ},    {50000, V4L2_DRM_FRAMERATE_50HZ},
+        {59940, V4L2_DRM_FRAMERATE_59_94HZ}, {60000, V4L2_DRM_FRAMERATE_60HZ},
+        {75000, V4L2_DRM_FRAMERATE_75HZ},    {100000, V4L2_DRM_FRAMERATE_100HZ},
         {120000, V4L2_DRM_FRAMERATE_120HZ},
     };
     if (fps_n <= 0 || fps_d <= 0) {
         return V4L2_DRM_FRAMERATE_ETC;
     }
-    const int millihertz = static_cast<int>(gst_util_uint64_scale_int(static_cast<guint64>(fps_n), 1000, fps_d));
+    const int millihertz =
+        static_cast<int>(gst_util_uint64_scale_int(static_cast<guint64>(fps_n), 1000, fps_d));
     for (const Entry& e : kTable) {
         if (millihertz == e.millihertz) {
             return e.code;

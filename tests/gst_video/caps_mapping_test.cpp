@@ -101,8 +101,9 @@ TEST(PanelHistory, TheLatchedFrameIsTheNewestOneNotHeld) {
 
 // What the plane is told for an interlaced PAL frame with 4:3 display aspect.
 TEST_F(SinkTest, APalFrameReachesThePlaneWithItsAspect) {
-    start("video/x-raw,format=I420,width=720,height=576,framerate=25/1,pixel-aspect-ratio=16/15,"
-          "interlace-mode=interleaved");
+    start(
+        "video/x-raw,format=I420,width=720,height=576,framerate=25/1,pixel-aspect-ratio=16/15,"
+        "interlace-mode=interleaved");
     push_frames(1);
     auto sources = requests("DRM_IOCTL_SDP_SET_DP_SOURCE");
     ASSERT_EQ(sources.size(), 2u);

@@ -21,7 +21,8 @@ namespace gst_video {
 
 constexpr const char* kCaps1080 =
     "video/x-raw,format=NV12,width=1920,height=1080,framerate=25/1,pixel-aspect-ratio=1/1";
-constexpr const char* kCaps720 = "video/x-raw,format=NV12,width=1280,height=720,framerate=25/1,pixel-aspect-ratio=1/1";
+constexpr const char* kCaps720 =
+    "video/x-raw,format=NV12,width=1280,height=720,framerate=25/1,pixel-aspect-ratio=1/1";
 constexpr const char* kMetaCaps1080 =
     "video/x-raw(meta:RuvoFrame),format=NV12,width=1920,height=1080,framerate=25/1,pixel-aspect-ratio=1/1";
 constexpr GstClockTime kFrame = 40 * GST_MSECOND;  // 25 fps

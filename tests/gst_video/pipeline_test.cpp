@@ -38,8 +38,8 @@ class RealPipeline : public ruvo_test::PlatformTest {
         g_clear_error(&err);
         gst_element_set_state(pipeline, GST_STATE_PLAYING);
         GstBus* bus = gst_element_get_bus(pipeline);
-        GstMessage* msg = gst_bus_timed_pop_filtered(bus, 60 * GST_SECOND,
-                                                     static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+        GstMessage* msg = gst_bus_timed_pop_filtered(
+            bus, 60 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
         std::string result = "timeout";
         if (msg != nullptr && GST_MESSAGE_TYPE(msg) == GST_MESSAGE_EOS) {
             result = "";
@@ -65,11 +65,12 @@ TEST_F(RealPipeline, AnH264ClipFromMp4ReachesThePlaneOneSourceRequestPerFrame) {
     GstElementFactory* factory = gst_element_factory_find("ruvovideosink");
     ASSERT_NE(factory, nullptr) << "plugin not found in " RUVO_GST_PLUGIN_BUILD_DIR;
     gst_object_unref(factory);
-    ASSERT_EQ(play("videotestsrc num-buffers=" + std::to_string(kFrames) +
-                   " ! video/x-raw,format=I420,width=320,height=240,framerate=25/1 ! x264enc ! mp4mux ! filesink "
-                   "location=" +
-                   clip_),
-              "");
+    ASSERT_EQ(
+        play("videotestsrc num-buffers=" + std::to_string(kFrames) +
+             " ! video/x-raw,format=I420,width=320,height=240,framerate=25/1 ! x264enc ! mp4mux ! filesink "
+             "location=" +
+             clip_),
+        "");
     tv().clear_events();
     // In real time on a shared machine a frame may come late: none is dropped for it here
     // (max-lateness -1), so that every frame reaches the plane.

@@ -39,7 +39,9 @@ size_t index_of(const std::vector<std::string>& names, const std::string& name) 
     return names.size();
 }
 
-long long pts_of(const emutv::Event& e) { return (e.field("pts_h") << 32) | e.field("pts_l"); }
+long long pts_of(const emutv::Event& e) {
+    return (e.field("pts_h") << 32) | e.field("pts_l");
+}
 
 // ---- Lifecycle -----------------------------------------------------------------------------
 
@@ -166,8 +168,9 @@ TEST_F(SinkTest, AnAspectChangeReprogramsThePlaneWithoutAMute) {
     start("video/x-raw,format=I420,width=720,height=576,framerate=25/1,pixel-aspect-ratio=16/15");
     push_frames(2);
     tv().clear_events();
-    gst_harness_set_src_caps_str(h_, "video/x-raw,format=I420,width=720,height=576,framerate=25/1,"
-                                     "pixel-aspect-ratio=64/45");
+    gst_harness_set_src_caps_str(h_,
+                                 "video/x-raw,format=I420,width=720,height=576,framerate=25/1,"
+                                 "pixel-aspect-ratio=64/45");
     push_frames(1, 2);
     EXPECT_EQ(count("DRM_IOCTL_SDP_SET_ONOFF"), 0u);
     EXPECT_EQ(count("DRM_IOCTL_MODE_SETPLANE"), 1u);
@@ -370,10 +373,10 @@ TEST_F(SinkTest, ShowVideoWindowHidesAndShows) {
 // ---- Read-only properties and statistics -----------------------------------------------------
 
 TEST_F(SinkTest, ReadOnlyPropertiesComeFromTheCapsAndTheDriver) {
-    for (const char* name : {"video-width", "video-height", "display-width", "display-height", "queued-frames",
-                             "video-pts", "vsync-rate", "stats"}) {
-        GParamSpec* p = g_object_class_find_property(
-            G_OBJECT_CLASS(g_type_class_peek(RUVO_TYPE_VIDEO_SINK)), name);
+    for (const char* name : {"video-width", "video-height", "display-width", "display-height",
+                             "queued-frames", "video-pts", "vsync-rate", "stats"}) {
+        GParamSpec* p =
+            g_object_class_find_property(G_OBJECT_CLASS(g_type_class_peek(RUVO_TYPE_VIDEO_SINK)), name);
         ASSERT_NE(p, nullptr) << name;
         EXPECT_TRUE(p->flags & G_PARAM_READABLE) << name;
         EXPECT_FALSE(p->flags & G_PARAM_WRITABLE) << name;
@@ -412,7 +415,9 @@ TEST_F(SinkTest, ReadOnlyPropertiesComeFromTheCapsAndTheDriver) {
 
 // ---- Signals ------------------------------------------------------------------------------------
 
-void count_signal(GstElement*, gpointer data) { ++*static_cast<int*>(data); }
+void count_signal(GstElement*, gpointer data) {
+    ++*static_cast<int*>(data);
+}
 
 TEST_F(SinkTest, FirstVideoFrameIsSignalledOnceItIsLatched) {
     start();
@@ -530,12 +535,13 @@ TEST_F(SinkTest, CapsWithoutFrameRateOrAspectAreAccepted) {
 }
 
 TEST_F(SinkTest, AbsurdCapsAreRefused) {
-    for (const char* caps : {"video/x-raw,format=NV12,width=0,height=1080,framerate=25/1",
-                             "video/x-raw,format=NV12,width=100000,height=1080,framerate=25/1",
-                             "video/x-raw,format=RGB,width=1920,height=1080,framerate=25/1",
-                             "video/x-raw,format=NV12,width=1920,height=1080,framerate=25/1,pixel-aspect-ratio=0/1",
-                             "video/x-raw,format=NV12,width=1920,height=1080,framerate=25/1,pixel-aspect-ratio=1000/1",
-                             "video/x-raw,format=NV12,width=1920,height=1080,framerate=100000/1"}) {
+    for (const char* caps :
+         {"video/x-raw,format=NV12,width=0,height=1080,framerate=25/1",
+          "video/x-raw,format=NV12,width=100000,height=1080,framerate=25/1",
+          "video/x-raw,format=RGB,width=1920,height=1080,framerate=25/1",
+          "video/x-raw,format=NV12,width=1920,height=1080,framerate=25/1,pixel-aspect-ratio=0/1",
+          "video/x-raw,format=NV12,width=1920,height=1080,framerate=25/1,pixel-aspect-ratio=1000/1",
+          "video/x-raw,format=NV12,width=1920,height=1080,framerate=100000/1"}) {
         start(nullptr);
         gst_harness_set_src_caps_str(h_, caps);
         EXPECT_EQ(push(0), GST_FLOW_NOT_NEGOTIATED) << caps;
