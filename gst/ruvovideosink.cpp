@@ -492,7 +492,7 @@ GstFlowReturn wait_for_latch(RuvoVideoSink* self) {
         if (waits == kRuvoVideoSinkMaxLatchWaits) {
             GST_ELEMENT_WARNING(self, RESOURCE, READ, ("The decoder did not release its last frames."),
                                 ("%u frames still held after %u vsyncs", held, waits));
-            break;
+            return GST_FLOW_OK;
         }
         const GstFlowReturn ret = wait_one_vsync(self, period_us);
         if (ret != GST_FLOW_OK) {
@@ -500,6 +500,7 @@ GstFlowReturn wait_for_latch(RuvoVideoSink* self) {
         }
         s.vsyncs_seen++;
     }
+    // Everything pushed is latched: the first frame too, if nothing said so yet.
     if (!s.first_latched && s.history.pushed() > 0) {
         announce_first_frame(self);
     }

@@ -231,14 +231,21 @@ TEST_F(SinkTest, EosIsPostedOnlyOnceTheLastFrameIsLatched) {
     gst_object_unref(clock);
 }
 
+void count_signal(GstElement*, gpointer data) {
+    ++*static_cast<int*>(data);
+}
+
 TEST_F(SinkTest, EosComesAfterABoundedWaitWhenTheDecoderNeverLetsGo) {
     start();
+    int first_frames = 0;
+    g_signal_connect(sink_, "first-video-frame", G_CALLBACK(count_signal), &first_frames);
     set_frames_held(2);
     push_frames(1);
     ASSERT_TRUE(gst_harness_push_event(h_, gst_event_new_eos()));
     EXPECT_EQ(count_messages(GST_MESSAGE_WARNING), 1u);
     EXPECT_EQ(count_messages(GST_MESSAGE_EOS), 1u);
     EXPECT_EQ(stat("vsyncs-seen"), kRuvoVideoSinkMaxLatchWaits);
+    EXPECT_EQ(first_frames, 0);  // never seen on the panel
 }
 
 TEST_F(SinkTest, AFlushEndsTheWaitForTheLatch) {
@@ -414,10 +421,6 @@ TEST_F(SinkTest, ReadOnlyPropertiesComeFromTheCapsAndTheDriver) {
 }
 
 // ---- Signals ------------------------------------------------------------------------------------
-
-void count_signal(GstElement*, gpointer data) {
-    ++*static_cast<int*>(data);
-}
 
 TEST_F(SinkTest, FirstVideoFrameIsSignalledOnceItIsLatched) {
     start();
