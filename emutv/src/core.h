@@ -33,6 +33,19 @@ struct Fault {
     int times = 1;  // -1: for ever
 };
 
+// One row per kind of device: its name in the record, the node paths the emulator owns
+// for it (the first one is present after a reset; a kind without paths has its nodes
+// declared at run time or none), and the model answering its requests.
+struct DeviceEntry {
+    Device kind;
+    const char* name;
+    std::vector<const char*> paths;
+    std::unique_ptr<DeviceModel> (*make_model)();
+};
+const std::vector<DeviceEntry>& device_registry();
+const DeviceEntry* registry_entry(Device d);
+constexpr size_t kDeviceKinds = static_cast<size_t>(Device::Dmabuf) + 1;
+
 class Core {
   public:
     Core();
@@ -58,18 +71,25 @@ class Core {
     HalMode hal = HalMode::Absent;
     int hal_drm_fd = -1;
 
-    std::unique_ptr<DrmModel> drm;
-    std::unique_ptr<VpltModel> vplt;
-    std::unique_ptr<DolbyModel> dolby;
-    std::unique_ptr<ConverterModel> converter;
-    std::unique_ptr<DecoderModel> decoder;
-    std::unique_ptr<SoundCardModel> sound;
-    std::unique_ptr<ComprModel> compr;
+    // Models by Device, made from the registry.
+    std::unique_ptr<DeviceModel> models[kDeviceKinds];
+    template <typename M>
+    M& model(Device d) const {
+        return *static_cast<M*>(models[static_cast<size_t>(d)].get());
+    }
 
     std::string sandbox;
 
-    DeviceModel* model_for(Device d) const;
+    // RUVO_EMUTV_TRACE: where the trace goes (-1: nowhere), and a forked child's own
+    // trace file still to open.
+    std::string trace_base;
+    int trace_fd = -1;
+    bool trace_pending_child = false;
+
+    DeviceModel* model_for(Device d) const { return models[static_cast<size_t>(d)].get(); }
     void reset_nodes();
+    void reset_models();
+    int sandbox_owner = 0;  // the process that made the sandbox (a forked child leaves it)
 
     // Creates a descriptor on an emulated device (backed by /dev/null in the kernel).
     int create_fd(Device d, const std::string& path);
@@ -82,6 +102,13 @@ class Core {
 };
 
 Core& core();
+
+// Fork handlers (a child's own trace) and the sandbox's removal on a fatal signal.
+void install_process_handlers();
+void write_trace_line(Core& c, const Event& ev);
+// Removes the sandbox (and the ALSA configuration beside it) now when this process made it.
+void remove_sandbox_now();
+std::string alsa_configuration_path();
 
 // Marks the calling thread as inside the emulator for the scope's lifetime.
 struct Inside {

@@ -813,81 +813,11 @@ void Session::execute_platform(const Command& c) {
     if (opt_.calls)
         printf("platform: t=%s %s %s\n", format_ms(now).c_str(), c.where().c_str(), text.c_str());
     std::lock_guard<std::recursive_mutex> g(tv.mutex());
-    switch (c.cmd) {
-        case Cmd::PlatformAbsent:
-            tv.set_present(c.arg("path").text, false);
-            break;
-        case Cmd::PlatformPresent:
-            tv.set_present(c.arg("path").text, true);
-            break;
-        case Cmd::PlatformComprDevice:
-            tv.add_compr_device(c.arg("path").text);
-            break;
-        case Cmd::PlatformFail:
-            tv.fail(c.arg("request").text, static_cast<int>(c.num("errno", EIO)),
-                    static_cast<int>(c.num("times", 1)));
-            break;
-        case Cmd::PlatformStatus:
-            tv.fail_status(c.arg("request").text, static_cast<int32_t>(c.num("status", 0)),
-                           static_cast<int>(c.num("times", 1)));
-            break;
-        case Cmd::PlatformClearFaults:
-            tv.clear_faults();
-            break;
-        case Cmd::PlatformPanel:
-            for (auto& con : tv.drm().connectors) {
-                con.mm_width = static_cast<uint32_t>(c.num("w", 0));
-                con.mm_height = static_cast<uint32_t>(c.num("h", 0));
-            }
-            break;
-        case Cmd::PlatformHal: {
-            static const emutv::HalMode modes[] = {emutv::HalMode::Absent,       emutv::HalMode::Working,
-                                                   emutv::HalMode::NoInitSymbol, emutv::HalMode::InitFails,
-                                                   emutv::HalMode::NoGetSymbol,  emutv::HalMode::GetFails,
-                                                   emutv::HalMode::GetsZero};
-            tv.set_hal(modes[c.num("mode", 0)]);
-            break;
-        }
-        case Cmd::PlatformVsync:
-            tv.vplt().vsync_hz = static_cast<int32_t>(c.num("hz", 59940));
-            tv.vplt().vsync_hz_ret = static_cast<int32_t>(c.num("ret", 0));
-            break;
-        case Cmd::PlatformVsyncOffset:
-            tv.vplt().offset_sec = static_cast<int32_t>(c.num("sec", 0));
-            tv.vplt().offset_nsec = static_cast<int32_t>(c.num("nsec", 0));
-            tv.vplt().offset_ret = static_cast<int32_t>(c.num("ret", 0));
-            break;
-        case Cmd::PlatformDecoderFrames:
-            tv.vplt().frames[0] = static_cast<int32_t>(c.num("dec0", 0));
-            tv.vplt().frames[1] = static_cast<int32_t>(c.num("dec1", 0));
-            break;
-        case Cmd::PlatformDolbyRewrite:
-            tv.dolby().rewrite = true;
-            tv.dolby().rewrite_to = static_cast<int32_t>(c.num("profile", 0));
-            break;
-        case Cmd::PlatformBroadcast: {
-            v4l2_drm cur;
-            memcpy(&cur, tv.decoder().display_frame.data(), sizeof(cur));
-            FrameFormat f;
-            f.w = cur.u.dec_info.hres;
-            f.h = cur.u.dec_info.vres;
-            f.aspect = static_cast<uint32_t>(cur.u.dec_info.aspectratio);
-            f.framerate = cur.u.dec_info.framerate;
-            f.port = static_cast<uint32_t>(cur.inputport);
-            apply_format(c, &f);
-            v4l2_drm d = make_descriptor(f, 1);
-            memcpy(tv.decoder().display_frame.data(), &d, sizeof(d));
-            break;
-        }
-        case Cmd::PlatformCompr:
-            decoder_.configure(c.num("buffer", 0), c.num("dsp", -1));
-            break;
-        case Cmd::PlatformLogmask:
-            tv.sandbox_write("/tmp/RUVO", std::to_string(c.num("value", 0)));
-            break;
-        default:
-            break;
+    if (c.cmd == Cmd::PlatformCompr) {
+        decoder_.configure(c.num("buffer", 0), c.num("dsp", -1));
+        return;
     }
+    emutv::lines::apply_platform_line(tv, c.platform_line());
 }
 
 void Session::on_event(const emutv::Event& e) {

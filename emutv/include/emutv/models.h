@@ -164,6 +164,8 @@ class DecoderModel : public DeviceModel {
   public:
     // The broadcast frame handed out for V4L2_CID_GET_DISPLAY_FRAME_INFO (576 bytes).
     std::array<uint8_t, 576> display_frame{};
+    // Replaces it with a decoded YUV 4:2:0 frame of display index 1 (`platform broadcast`).
+    void set_display_frame(uint32_t w, uint32_t h, uint32_t aspect, uint32_t framerate, uint32_t port);
     Device kind() const override { return Device::Decoder; }
     void reset() override;
     std::string request_name(unsigned long req, const void* arg) const override;
