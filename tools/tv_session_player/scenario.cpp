@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <fstream>
 #include <set>
@@ -162,6 +163,23 @@ bool valid_env_name(const std::string& n) {
     return true;
 }
 
+// Each limit of a line holds alone; so must their product: the library calls one line
+// may make, with every retry.
+constexpr int64_t kMaxCallsPerLine = 10000000;
+
+void check_total_work(const Command& c) {
+    if (c.cmd != Cmd::AudioPush || !c.has("retry"))
+        return;
+    const int64_t count = c.num("count", 1);
+    const int64_t retries = c.num("max-retries", 1000);
+    if (count * (1 + retries) <= kMaxCallsPerLine)
+        return;
+    throw LineError(c.name + ": count=" + std::to_string(count) + " with max-retries=" + std::to_string(retries) +
+                    " may make " + std::to_string(count * (1 + retries)) +
+                    " library calls; a line makes at most " + std::to_string(kMaxCallsPerLine) +
+                    " (count x (1 + max-retries))");
+}
+
 Cmd scenario_cmd(emutv::lines::PlatformCmd p) {
     using P = emutv::lines::PlatformCmd;
     switch (p) {
@@ -270,6 +288,7 @@ void parse_line(const std::vector<std::string>& toks, emutv::lines::PlatformPars
     if ((def->flags & kNoNull) && out->has("handle"))
         throw LineError(name +
                         ": handle=null is not accepted (the library reads the handle without a check)");
+    check_total_work(*out);
     if (out->cmd == Cmd::AudioPush && out->has("rate") && out->has("every"))
         throw LineError(name + ": give rate= or every=, not both");
     if (out->cmd == Cmd::VideoFrame && out->has("null") && out->arg("null").v[0] == 1) {
@@ -409,6 +428,11 @@ bool parse_scenario(const std::string& text, const std::string& file, Scenario* 
 }
 
 bool load_scenario(const std::string& path, Scenario* out, std::string* error) {
+    struct stat st;
+    if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+        *error = path + ": cannot read: " + strerror(EISDIR) + " (expected a scenario file)";
+        return false;
+    }
     std::ifstream f(path, std::ios::binary);
     if (!f) {
         *error = path + ": cannot read: " + strerror(errno);
@@ -416,7 +440,15 @@ bool load_scenario(const std::string& path, Scenario* out, std::string* error) {
     }
     std::stringstream ss;
     ss << f.rdbuf();
-    return parse_scenario(ss.str(), path, out, error);
+    Scenario sc;
+    if (!parse_scenario(ss.str(), path, &sc, error))
+        return false;
+    if (sc.commands.empty()) {
+        *error = path + ": no command in the scenario (an empty scenario plays nothing)";
+        return false;
+    }
+    *out = std::move(sc);
+    return true;
 }
 
 const char kScenarioHelpHead[] = R"(Scenario files
@@ -484,7 +516,9 @@ Audio
                                        delivering that many bytes per second.
                                        retry=MS: on -2 (no space) advance virtual
                                        time by MS and push the block again (at most
-                                       max-retries times, default 1000).
+                                       max-retries times, default 1000). A line
+                                       makes at most 10000000 calls in all:
+                                       count x (1 + max-retries).
 
 )";
 
