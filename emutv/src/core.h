@@ -96,6 +96,9 @@ class Core {
     // Consumes the next scripted fault for `name`, if any.
     bool take_fault(const std::string& name, Fault* out);
     void record(Event&& ev);
+    // 0 for the main thread, else the number of the calling thread (under the lock).
+    int thread_token();
+    int threads_seen = 0;
     bool is_emulated(int fd) const {
         return fd >= 0 && fd < kMaxFd && emulated[fd].load(std::memory_order_relaxed);
     }

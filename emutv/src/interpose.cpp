@@ -26,6 +26,18 @@ namespace {
 
 const char kHalPath[] = "/mtd_apexe/board/lib/libKORB3.so";
 
+// The stand-in HAL library: where the build left it, else (installed) beside the emulator.
+std::string hal_stand_in(const char* built) {
+    if (access(built, R_OK) == 0)
+        return built;
+    Dl_info info;
+    std::string name = strrchr(built, '/') ? strrchr(built, '/') + 1 : built;
+    if (dladdr(reinterpret_cast<void*>(&hal_stand_in), &info) == 0 || info.dli_fname == nullptr)
+        return built;
+    std::string self = info.dli_fname;
+    return self.substr(0, self.rfind('/') + 1) + name;
+}
+
 template <typename Fn>
 Fn real(const char* name) {
     void* sym = dlsym(RTLD_NEXT, name);
@@ -349,7 +361,8 @@ EMUTV_EXPORT void* dlopen(const char* file, int mode) __THROWNL {
             target = EMUTV_HAL_FULL;
             break;
     }
-    void* h = target ? real_dlopen(target, mode) : nullptr;
+    std::string path = target ? hal_stand_in(target) : std::string();
+    void* h = target ? real_dlopen(path.c_str(), mode) : nullptr;
     record_call(Device::Hal, "dlopen", kHalPath, h ? 0 : -1, {{"mode", mode}});
     return h;
 }

@@ -182,8 +182,16 @@ bool Core::take_fault(const std::string& name, Fault* out) {
     return true;
 }
 
+int Core::thread_token() {
+    static thread_local int token = -1;
+    if (token < 0)
+        token = syscall(SYS_gettid) == getpid() ? 0 : ++threads_seen;
+    return token;
+}
+
 void Core::record(Event&& ev) {
     ev.seq = ++seq;
+    ev.thread = thread_token();
     counts[ev.name]++;
     if (ev.kind == Kind::Ioctl || ev.kind == Kind::Write)
         total++;

@@ -212,6 +212,17 @@ TEST_F(Preload, WithoutAPlatformFileTheDefaultPlatformHasNoAudioDecoder) {
     EXPECT_EQ(count_containing(trace, "mm_width=1366"), 0u);
 }
 
+TEST_F(Preload, TheShippedExamplePlatformFileRunsWithTheBoardHal) {
+    Outcome r = run("play", {{"RUVO_EMUTV", EXAMPLE_PLATFORM}, {"RUVO_EMUTV_TRACE", trace_}});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(app_lines(r.out).find("app: 100 frames, 0 failed\n"), std::string::npos) << r.out;
+    EXPECT_NE(app_lines(r.out).find("app: 40 blocks of 4096 bytes, 0 failed\n"), std::string::npos) << r.out;
+    std::vector<std::string> trace = split_lines(read_file(trace_));
+    EXPECT_GE(count_containing(trace, "hal /mtd_apexe/board/lib/libKORB3.so Hal_Video_DrmInit card=0 -> 0"),
+              1u);
+    EXPECT_GE(count_containing(trace, "mm_height=1080 mm_width=1920"), 1u);
+}
+
 TEST_F(Preload, AFaultInThePlatformFileFires) {
     write_file(platform_, std::string(kPlatform) + "platform fail SNDRV_COMPRESS_START EIO always\n");
     Outcome r = run("play", configured());

@@ -42,6 +42,9 @@ struct Event {
     std::map<std::string, std::string> text;   // decoded text values (a mixer control's name)
     long long result = 0;
     int err = 0;  // errno when result < 0
+    // 0: the process's main thread; 1, 2, ...: another thread, numbered by its first request.
+    // Requests of different threads keep no fixed order between them from run to run.
+    int thread = 0;
 
     long long field(const std::string& key) const;  // throws when absent
     bool has(const std::string& key) const { return fields.count(key) != 0; }
@@ -51,7 +54,10 @@ struct Event {
     T record_out() const;
 };
 
-// One line: "DRM /dev/dri/card0 DRM_IOCTL_MODE_SETPLANE plane_id=31 ... -> 0".
+// One line: "drm /dev/dri/card0 DRM_IOCTL_MODE_SETPLANE plane_id=31 ... -> 0", with
+// " [thread N, unordered]" after a request of another thread than the main one. Addresses
+// show as tokens numbered by first sight ("@1"), fourcc codes as text ("XR24"), 16.16
+// source coordinates as decimals ("1920.0"), object types by name, display indices signed.
 std::string describe(const Event& e);
 
 class DeviceModel;
