@@ -9,6 +9,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "emutv/emutv.h"
@@ -64,7 +65,11 @@ class Core {
     std::vector<Event> events;
     bool recording = true;
     uint64_t seq = 0;
-    std::map<std::string, size_t> counts;
+    std::unordered_map<std::string, size_t> counts;  // by request name; cleared by clear_counts()
+    size_t* last_count = nullptr;
+    std::string last_count_name;
+    void count_request(const std::string& name);
+    void clear_counts();
     size_t total = 0;
     std::function<void(const Event&)> listener;
 
@@ -96,6 +101,8 @@ class Core {
     // Consumes the next scripted fault for `name`, if any.
     bool take_fault(const std::string& name, Fault* out);
     void record(Event&& ev);
+    // Records `ev` and leaves it to the caller (a copy goes into the record when it is on).
+    void record_copy(Event& ev);
     // 0 for the main thread, else the number of the calling thread (under the lock).
     int thread_token();
     int threads_seen = 0;

@@ -126,6 +126,25 @@ int openat_with(const char* sym, int dirfd, const char* path, int flags, int mod
 using open_fn = int (*)(const char*, int, ...);
 using openat_fn = int (*)(int, const char*, int, ...);
 
+// The event of the request under way, kept from request to request so that its buffers
+// are allocated once (the platform lock is held while it is in use).
+Event& scratch_event() {
+    static Event ev;
+    ev.seq = 0;
+    ev.path.clear();
+    ev.fd = -1;
+    ev.request = 0;
+    ev.in.clear();
+    ev.out.clear();
+    ev.args.clear();
+    ev.fields.clear();
+    ev.text.clear();
+    ev.result = 0;
+    ev.err = 0;
+    ev.thread = 0;
+    return ev;
+}
+
 long emulated_ioctl(int fd, unsigned long req, void* arg) {
     Inside inside;
     auto& c = core();
@@ -137,14 +156,16 @@ long emulated_ioctl(int fd, unsigned long req, void* arg) {
     }
     auto& file = it->second;
     emutv::DeviceModel* model = file.model;
-    Event ev;
+    Event& ev = scratch_event();
     ev.kind = Kind::Ioctl;
     ev.device = file.device;
     ev.path = file.path;
     ev.fd = fd;
     ev.request = req;
     ev.name = model->request_name(req, arg);
-    size_t size = arg ? model->record_size(req, arg) : 0;
+    // The record's bytes are kept for readers of the record (not for the trace file).
+    const bool keep_bytes = c.recording || c.listener;
+    size_t size = arg && keep_bytes ? model->record_size(req, arg) : 0;
     if (size) ev.in.assign(static_cast<uint8_t*>(arg), static_cast<uint8_t*>(arg) + size);
 
     // The driver is entered once per request, as on the television.
@@ -167,7 +188,7 @@ long emulated_ioctl(int fd, unsigned long req, void* arg) {
     if (size) ev.out.assign(static_cast<uint8_t*>(arg), static_cast<uint8_t*>(arg) + size);
     ev.result = result;
     ev.err = result < 0 ? err : 0;
-    c.record(std::move(ev));
+    c.record_copy(ev);
     if (result < 0) errno = err;
     return result;
 }
@@ -182,7 +203,7 @@ long emulated_write(int fd, const void* buf, size_t n) {
         return -1;
     }
     auto& file = it->second;
-    Event ev;
+    Event& ev = scratch_event();
     ev.kind = Kind::Write;
     ev.device = file.device;
     ev.path = file.path;
@@ -202,7 +223,7 @@ long emulated_write(int fd, const void* buf, size_t n) {
     }
     ev.result = result;
     ev.err = result < 0 ? err : 0;
-    c.record(std::move(ev));
+    c.record_copy(ev);
     if (result < 0) errno = err;
     return result;
 }
@@ -237,7 +258,7 @@ int emulated_close(int fd) {
 }
 
 void record_call(Device d, const std::string& name, const std::string& path, long long result,
-                 std::map<std::string, long long> fields) {
+                 emutv::Fields fields) {
     auto& c = core();
     std::lock_guard<std::recursive_mutex> g(c.mu);
     Event ev;

@@ -8,6 +8,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -189,10 +190,24 @@ int Core::thread_token() {
     return token;
 }
 
-void Core::record(Event&& ev) {
+void Core::count_request(const std::string& name) {
+    // Requests come in runs of the same name (a frame, a block): the last counter first.
+    if (last_count == nullptr || name != last_count_name) {
+        last_count = &counts[name];
+        last_count_name = name;
+    }
+    ++*last_count;
+}
+
+void Core::clear_counts() {
+    counts.clear();
+    last_count = nullptr;
+}
+
+void Core::record_copy(Event& ev) {
     ev.seq = ++seq;
     ev.thread = thread_token();
-    counts[ev.name]++;
+    count_request(ev.name);
     if (ev.kind == Kind::Ioctl || ev.kind == Kind::Write)
         total++;
     if (trace_fd >= 0 || trace_pending_child)
@@ -200,7 +215,11 @@ void Core::record(Event&& ev) {
     if (listener)
         listener(ev);
     if (recording)
-        events.push_back(std::move(ev));
+        events.push_back(ev);
+}
+
+void Core::record(Event&& ev) {
+    record_copy(ev);
 }
 
 Core& core() {
@@ -252,6 +271,29 @@ const char* kind_name(Kind k) {
     }
 }
 
+long long Fields::at(const std::string& key) const {
+    auto it = find(key);
+    if (it == end())
+        throw std::out_of_range("no field " + key);
+    return it->second;
+}
+
+void Fields::sort() const {
+    if (sorted_)
+        return;
+    std::sort(items_.begin(), items_.end(),
+              [](const value_type& a, const value_type& b) { return a.first < b.first; });
+    sorted_ = true;
+}
+
+bool Fields::operator==(const Fields& o) const {
+    if (size() != o.size())
+        return false;
+    sort();
+    o.sort();
+    return items_ == o.items_;
+}
+
 long long Event::field(const std::string& key) const {
     auto it = fields.find(key);
     if (it == fields.end())
@@ -289,7 +331,7 @@ void Platform::reset() {
     c.reset_nodes();
     c.faults.clear();
     c.events.clear();
-    c.counts.clear();
+    c.clear_counts();
     c.total = 0;
     c.recording = true;
     c.listener = nullptr;
@@ -411,7 +453,7 @@ void Platform::clear_events() {
     auto& c = core();
     std::lock_guard<std::recursive_mutex> g(c.mu);
     c.events.clear();
-    c.counts.clear();
+    c.clear_counts();
     c.total = 0;
 }
 

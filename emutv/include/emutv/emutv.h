@@ -11,7 +11,11 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <string.h>
+
+#include <cstddef>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <mutex>
 #include <string>
@@ -24,6 +28,74 @@ const char* device_name(Device d);
 
 enum class Kind { Open, Close, Ioctl, Write, Call };
 const char* kind_name(Kind k);
+
+// Decoded values of a request by name: a few entries, filled once per request, so a flat
+// array scanned by key instead of a tree. Reads as a std::map<std::string, long long>:
+// fields["k"] = v, count, find, at, and iteration in key order.
+class Fields {
+  public:
+    using value_type = std::pair<std::string, long long>;
+    using const_iterator = std::vector<value_type>::const_iterator;
+    using iterator = std::vector<value_type>::iterator;
+
+    Fields() = default;
+    Fields(std::initializer_list<value_type> init) {
+        for (const auto& v : init)
+            (*this)[v.first] = v.second;
+    }
+
+    __attribute__((always_inline)) long long& operator[](const char* key) { return slot(key, strlen(key)); }
+    long long& operator[](const std::string& key) { return slot(key.data(), key.size()); }
+    size_t count(const std::string& key) const { return index(key.data(), key.size()) < items_.size() ? 1 : 0; }
+    const_iterator find(const std::string& key) const { return items_.begin() + index_or_end(key); }
+    iterator find(const std::string& key) { return items_.begin() + index_or_end(key); }
+    long long at(const std::string& key) const;
+    size_t size() const { return items_.size(); }
+    bool empty() const { return items_.empty(); }
+    void clear() {
+        items_.clear();
+        sorted_ = true;
+    }
+    // In key order, as a std::map iterates.
+    const_iterator begin() const {
+        sort();
+        return items_.begin();
+    }
+    const_iterator end() const { return items_.end(); }
+    iterator begin() {
+        sort();
+        return items_.begin();
+    }
+    iterator end() { return items_.end(); }
+    bool operator==(const Fields& o) const;
+    bool operator!=(const Fields& o) const { return !(*this == o); }
+
+  private:
+    __attribute__((always_inline)) size_t index(const char* key, size_t n) const {
+        for (size_t i = 0; i < items_.size(); ++i)
+            if (items_[i].first.size() == n && memcmp(items_[i].first.data(), key, n) == 0)
+                return i;
+        return items_.size();
+    }
+    std::ptrdiff_t index_or_end(const std::string& key) const {
+        sort();
+        return static_cast<std::ptrdiff_t>(index(key.data(), key.size()));
+    }
+    __attribute__((always_inline)) long long& slot(const char* key, size_t n) {
+        size_t i = index(key, n);
+        if (i < items_.size())
+            return items_[i].second;
+        if (items_.capacity() == 0)
+            items_.reserve(16);
+        sorted_ = items_.empty();
+        items_.emplace_back(std::string(key, n), 0);
+        return items_.back().second;
+    }
+    void sort() const;
+
+    mutable std::vector<value_type> items_;
+    mutable bool sorted_ = true;
+};
 
 struct Event {
     uint64_t seq = 0;
@@ -38,7 +110,7 @@ struct Event {
     // Video-platform commands: bytes behind arg1..arg7 and ret (index 7) after the call;
     // empty for a null argument.
     std::vector<std::vector<uint8_t>> args;
-    std::map<std::string, long long> fields;  // decoded values that matter
+    Fields fields;                             // decoded values that matter
     std::map<std::string, std::string> text;   // decoded text values (a mixer control's name)
     long long result = 0;
     int err = 0;  // errno when result < 0
