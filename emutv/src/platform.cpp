@@ -281,8 +281,10 @@ long long Fields::at(const std::string& key) const {
 void Fields::sort() const {
     if (sorted_)
         return;
-    std::sort(items_.begin(), items_.end(),
-              [](const value_type& a, const value_type& b) { return a.first < b.first; });
+    // A handful of entries: insertion sort.
+    for (size_t i = 1; i < items_.size(); ++i)
+        for (size_t j = i; j > 0 && items_[j].first < items_[j - 1].first; --j)
+            std::swap(items_[j], items_[j - 1]);
     sorted_ = true;
 }
 

@@ -295,7 +295,11 @@ bool parse_platform_file(const std::string& text, const std::string& file, std::
             if (toks[0] != "platform")
                 throw LineError("expected a 'platform ...' line (" + platform_subcommands() + "), got '" +
                                 toks[0] + "'");
-            parsed.push_back(parse_platform_line(toks, &state));
+            PlatformLine parsed_line = parse_platform_line(toks, &state);
+            if (parsed_line.cmd == PlatformCmd::Compr)
+                throw LineError("platform compr: the audio decoder's buffers are set in session-player scenarios "
+                                "only (a platform file takes the device's defaults)");
+            parsed.push_back(std::move(parsed_line));
         } catch (const LineError& e) {
             *error = file + ":" + std::to_string(lineno) + ": " + e.message;
             return false;

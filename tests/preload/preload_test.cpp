@@ -342,6 +342,15 @@ TEST_F(Preload, ALineOtherThanAPlatformLineStopsTheProcessBeforeMain) {
                                    "dolby-rewrite, broadcast, compr, logmask), got 'video'");
 }
 
+TEST_F(Preload, ALineThePlatformFileCannotApplyStopsTheProcessBeforeMain) {
+    write_file(platform_, "platform compr-device /dev/snd/comprC0D0\nplatform compr buffer=16384\n");
+    Outcome r = run("play", {{"RUVO_EMUTV", platform_}});
+    expect_stopped_before_main(
+        r, platform_ +
+               ":2: platform compr: the audio decoder's buffers are set in session-player "
+               "scenarios only (a platform file takes the device's defaults)");
+}
+
 TEST_F(Preload, AnUnwritableTracePathStopsTheProcessBeforeMain) {
     Outcome r = run("play", {{"RUVO_EMUTV_TRACE", dir_ + "/no/such/dir/trace"}});
     expect_stopped_before_main(r, dir_ + "/no/such/dir/trace: cannot write: No such file or directory");
