@@ -66,8 +66,13 @@ class Core {
     bool recording = true;
     uint64_t seq = 0;
     std::unordered_map<std::string, size_t> counts;  // by request name; cleared by clear_counts()
-    size_t* last_count = nullptr;
-    std::string last_count_name;
+    struct CountSlot {
+        std::string name;
+        size_t* count = nullptr;  // into `counts` (its nodes stay put)
+    };
+    static constexpr size_t kCountSlots = 4;
+    CountSlot count_cache[kCountSlots];
+    size_t next_count_slot = 0;
     void count_request(const std::string& name);
     void clear_counts();
     size_t total = 0;

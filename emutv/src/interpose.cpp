@@ -162,9 +162,13 @@ long emulated_ioctl(int fd, unsigned long req, void* arg) {
     ev.path = file.path;
     ev.fd = fd;
     ev.request = req;
-    ev.name = model->request_name(req, arg);
-    // The record's bytes are kept for readers of the record (not for the trace file).
-    const bool keep_bytes = c.recording || c.listener;
+    if (const char* literal = model->request_literal(req, arg))
+        ev.name.assign(literal);
+    else
+        ev.name = model->request_name(req, arg);
+    // The request's bytes are kept for the record only (the trace and listeners read the
+    // decoded fields).
+    const bool keep_bytes = c.recording;
     size_t size = arg && keep_bytes ? model->record_size(req, arg) : 0;
     if (size) ev.in.assign(static_cast<uint8_t*>(arg), static_cast<uint8_t*>(arg) + size);
 
@@ -208,9 +212,9 @@ long emulated_write(int fd, const void* buf, size_t n) {
     ev.device = file.device;
     ev.path = file.path;
     ev.fd = fd;
-    ev.name = "write";
+    ev.name.assign("write");
     ev.fields["size"] = static_cast<long long>(n);
-    if (buf && n) ev.in.assign(static_cast<const uint8_t*>(buf), static_cast<const uint8_t*>(buf) + std::min<size_t>(n, 64));
+    if (buf && n && c.recording) ev.in.assign(static_cast<const uint8_t*>(buf), static_cast<const uint8_t*>(buf) + std::min<size_t>(n, 64));
     emutv::detail::sys_write(fd, buf, n);  // into /dev/null: one kernel entry
     Fault fault;
     long result;

@@ -191,17 +191,24 @@ int Core::thread_token() {
 }
 
 void Core::count_request(const std::string& name) {
-    // Requests come in runs of the same name (a frame, a block): the last counter first.
-    if (last_count == nullptr || name != last_count_name) {
-        last_count = &counts[name];
-        last_count_name = name;
+    // Requests come in runs of a few names (a frame, an audio block): their counters first.
+    for (auto& slot : count_cache) {
+        if (slot.count != nullptr && slot.name == name) {
+            ++*slot.count;
+            return;
+        }
     }
-    ++*last_count;
+    CountSlot& slot = count_cache[next_count_slot];
+    next_count_slot = (next_count_slot + 1) % kCountSlots;
+    slot.count = &counts[name];
+    slot.name = name;
+    ++*slot.count;
 }
 
 void Core::clear_counts() {
     counts.clear();
-    last_count = nullptr;
+    for (auto& slot : count_cache)
+        slot.count = nullptr;
 }
 
 void Core::record_copy(Event& ev) {
@@ -282,7 +289,7 @@ void Fields::sort() const {
     if (sorted_)
         return;
     // A handful of entries: insertion sort.
-    for (size_t i = 1; i < items_.size(); ++i)
+    for (size_t i = 1; i < n_; ++i)
         for (size_t j = i; j > 0 && items_[j].first < items_[j - 1].first; --j)
             std::swap(items_[j], items_[j - 1]);
     sorted_ = true;
@@ -291,9 +298,7 @@ void Fields::sort() const {
 bool Fields::operator==(const Fields& o) const {
     if (size() != o.size())
         return false;
-    sort();
-    o.sort();
-    return items_ == o.items_;
+    return std::equal(begin(), end(), o.begin());
 }
 
 long long Event::field(const std::string& key) const {
@@ -548,6 +553,9 @@ void DeviceModel::apply_status(unsigned long, void*, int32_t) {}
 long DeviceModel::write(int, const void*, size_t, Event&, int* err) {
     *err = EINVAL;
     return -1;
+}
+const char* DeviceModel::request_literal(unsigned long, const void*) const {
+    return nullptr;
 }
 void DeviceModel::on_open(int, const std::string&) {}
 void DeviceModel::on_close(int) {}

@@ -13,10 +13,9 @@ namespace emutv {
 
 // ---- Dolby --------------------------------------------------------------------------------
 
+// The defaults are the members' initializers (emutv/models.h).
 void DolbyModel::reset() {
-    rewrite = false;
-    rewrite_to = 0;
-    profile = -1;
+    *this = DolbyModel();
 }
 
 std::string DolbyModel::request_name(unsigned long req, const void*) const {
@@ -50,8 +49,7 @@ long DolbyModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
 // ---- Converter ----------------------------------------------------------------------------
 
 void ConverterModel::reset() {
-    initialised = false;
-    conversions = 0;
+    *this = ConverterModel();
 }
 
 std::string ConverterModel::request_name(unsigned long req, const void*) const {

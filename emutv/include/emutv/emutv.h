@@ -43,17 +43,29 @@ class Fields {
         for (const auto& v : init)
             (*this)[v.first] = v.second;
     }
+    Fields(const Fields& o) : items_(o.begin(), o.end()), n_(o.n_), sorted_(true) {}
+    Fields& operator=(const Fields& o) {
+        if (this != &o) {
+            items_.assign(o.begin(), o.end());
+            n_ = o.n_;
+            sorted_ = true;
+        }
+        return *this;
+    }
+    Fields(Fields&&) = default;
+    Fields& operator=(Fields&&) = default;
 
     __attribute__((always_inline)) long long& operator[](const char* key) { return slot(key, strlen(key)); }
     long long& operator[](const std::string& key) { return slot(key.data(), key.size()); }
-    size_t count(const std::string& key) const { return index(key.data(), key.size()) < items_.size() ? 1 : 0; }
+    size_t count(const std::string& key) const { return index(key.data(), key.size()) < n_ ? 1 : 0; }
     const_iterator find(const std::string& key) const { return items_.begin() + index_or_end(key); }
     iterator find(const std::string& key) { return items_.begin() + index_or_end(key); }
     long long at(const std::string& key) const;
-    size_t size() const { return items_.size(); }
-    bool empty() const { return items_.empty(); }
+    size_t size() const { return n_; }
+    bool empty() const { return n_ == 0; }
+    // Forgets the values; the entries' storage is kept for the next request.
     void clear() {
-        items_.clear();
+        n_ = 0;
         sorted_ = true;
     }
     // In key order, as a std::map iterates.
@@ -61,21 +73,21 @@ class Fields {
         sort();
         return items_.begin();
     }
-    const_iterator end() const { return items_.end(); }
+    const_iterator end() const { return items_.begin() + static_cast<std::ptrdiff_t>(n_); }
     iterator begin() {
         sort();
         return items_.begin();
     }
-    iterator end() { return items_.end(); }
+    iterator end() { return items_.begin() + static_cast<std::ptrdiff_t>(n_); }
     bool operator==(const Fields& o) const;
     bool operator!=(const Fields& o) const { return !(*this == o); }
 
   private:
     __attribute__((always_inline)) size_t index(const char* key, size_t n) const {
-        for (size_t i = 0; i < items_.size(); ++i)
+        for (size_t i = 0; i < n_; ++i)
             if (items_[i].first.size() == n && memcmp(items_[i].first.data(), key, n) == 0)
                 return i;
-        return items_.size();
+        return n_;
     }
     std::ptrdiff_t index_or_end(const std::string& key) const {
         sort();
@@ -83,17 +95,23 @@ class Fields {
     }
     __attribute__((always_inline)) long long& slot(const char* key, size_t n) {
         size_t i = index(key, n);
-        if (i < items_.size())
+        if (i < n_)
             return items_[i].second;
-        if (items_.capacity() == 0)
-            items_.reserve(16);
-        sorted_ = items_.empty();
-        items_.emplace_back(std::string(key, n), 0);
-        return items_.back().second;
+        sorted_ = n_ == 0;
+        if (n_ == items_.size()) {
+            if (items_.capacity() == 0)
+                items_.reserve(16);
+            items_.emplace_back(std::string(key, n), 0);
+        } else if (items_[n_].first.size() != n || memcmp(items_[n_].first.data(), key, n) != 0) {
+            items_[n_].first.assign(key, n);
+        }
+        items_[n_].second = 0;
+        return items_[n_++].second;
     }
     void sort() const;
 
-    mutable std::vector<value_type> items_;
+    mutable std::vector<value_type> items_;  // the first n_ are in use
+    size_t n_ = 0;
     mutable bool sorted_ = true;
 };
 
@@ -185,7 +203,8 @@ public:
     size_t total_requests() const;                  // ioctl + write, counted also while off
     void clear_events();
     void set_recording(bool on);
-    // Called with every event as it is recorded (the session player's live trace).
+    // Called with every event as it is recorded (the session player's live trace). While
+    // recording is off the event carries no bytes (`in`, `out` empty): read its fields.
     void set_listener(std::function<void(const Event&)> listener);
 
     // Descriptors currently open on emulated devices.
