@@ -46,31 +46,13 @@ void configure_decoder(ComprModel& m) {
 
 }  // namespace
 
+// The defaults are the members' initializers (emutv/models.h).
 void ComprModel::reset() {
-    min_fragment_size = 4096;
-    max_fragment_size = 65536;
-    min_fragments = 2;
-    max_fragments = 8;
-    avail = 65536;
-    copied_total = 0;
-    sampling_rate = 48000;
-    remain = 0;
-    consume_on_write = false;
+    *this = ComprModel();
     answers = detail::timeline().mode == ClockMode::Real ? Answers::Modelled : Answers::Scripted;
-    pacing = AudioDecoder::Pacing::Parsed;
-    ring_bytes = 0;
-    dsp_bytes = -1;
-    decoder.reset(AudioDecoder::Config());
-    running = false;
-    metadata.clear();
-    params.clear();
-    bytes_written = 0;
-    write_sizes.clear();
-    starts = 0;
-    stops = 0;
 }
 
-std::string ComprModel::request_name(unsigned long req, const void*) const {
+const char* ComprModel::request_literal(unsigned long req, const void*) const {
     switch (req) {
         case SNDRV_COMPRESS_IOCTL_VERSION:
             return "SNDRV_COMPRESS_IOCTL_VERSION";
@@ -90,12 +72,17 @@ std::string ComprModel::request_name(unsigned long req, const void*) const {
             return "SNDRV_COMPRESS_START";
         case SNDRV_COMPRESS_STOP:
             return "SNDRV_COMPRESS_STOP";
-        default: {
-            char buf[40];
-            snprintf(buf, sizeof(buf), "SNDRV_COMPRESS_0x%lx", req);
-            return buf;
-        }
+        default:
+            return nullptr;
     }
+}
+
+std::string ComprModel::request_name(unsigned long req, const void* arg) const {
+    if (const char* name = request_literal(req, arg))
+        return name;
+    char buf[40];
+    snprintf(buf, sizeof(buf), "SNDRV_COMPRESS_0x%lx", req);
+    return buf;
 }
 
 long ComprModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {

@@ -69,7 +69,7 @@ void write_entry(Timeline& t, const TimelineEntry& e) {
 }
 
 void follow_mixer(Timeline& t) {
-    const auto& writes = core().sound->writes;
+    const auto& writes = core().model<SoundCardModel>(Device::SoundCtl).writes;
     if (writes.size() < t.mixer_writes_seen) {
         t.mixer_writes_seen = 0;
         t.rate_percent = 100;
@@ -85,7 +85,7 @@ void follow_mixer(Timeline& t) {
 }
 
 void advance_audio(Timeline& t, int64_t until_ns) {
-    ComprModel& m = *core().compr;
+    ComprModel& m = core().model<ComprModel>(Device::Compr);
     m.decoder.advance(until_ns, t.rate_percent, [&](const AudioDecoder::Period& p) {
         if (!t.listener && t.log_fd < 0)
             return;
@@ -148,9 +148,9 @@ int64_t clock_now_ns() {
 void timeline_sync() {
     Timeline& t = timeline();
     const int64_t now = clock_now_ns();
-    const int32_t hz = core().vplt->vsync_hz;
+    const int32_t hz = core().model<VpltModel>(Device::Vplt).vsync_hz;
     // Nothing moved since the last catch-up (the virtual clock between two of its steps).
-    if (now == t.synced_ns && hz == t.hz && core().sound->writes.size() == t.mixer_writes_seen)
+    if (now == t.synced_ns && hz == t.hz && core().model<SoundCardModel>(Device::SoundCtl).writes.size() == t.mixer_writes_seen)
         return;
     t.synced_ns = now;
     follow_mixer(t);
@@ -192,7 +192,7 @@ void note_resolution(Timeline& t, long long w, long long h) {
 }
 
 void note_mixer_write(Timeline& t) {
-    const auto& writes = core().sound->writes;
+    const auto& writes = core().model<SoundCardModel>(Device::SoundCtl).writes;
     if (writes.empty())
         return;
     const SoundCardModel::Write& w = writes.back();
@@ -252,7 +252,7 @@ void timeline_observe(const Event& ev) {
     } else if (ev.device == Device::Vplt && ev.kind == Kind::Ioctl && ev.has("cmd") &&
                ev.field("cmd") == EN_VPLT_IOC_FR2IP_SetPTS) {
         t.has_pts = true;
-        t.pts = core().vplt->last_pts;
+        t.pts = core().model<VpltModel>(Device::Vplt).last_pts;
         t.pts_since.push_back(t.pts);
     }
 }
@@ -268,7 +268,7 @@ void timeline_reset() {
     fresh.origin_ns = now;
     fresh.last_vsync_ns = now;
     fresh.synced_ns = now;
-    fresh.hz = core().vplt->vsync_hz;
+    fresh.hz = core().model<VpltModel>(Device::Vplt).vsync_hz;
     t = std::move(fresh);
 }
 
@@ -295,7 +295,7 @@ void Platform::set_clock_mode(ClockMode mode) {
         return;
     t.mode = mode;
     detail::timeline_reset();
-    c.compr->answers =
+    c.model<ComprModel>(Device::Compr).answers =
         mode == ClockMode::Real ? ComprModel::Answers::Modelled : ComprModel::Answers::Scripted;
 }
 

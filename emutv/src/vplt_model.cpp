@@ -62,19 +62,12 @@ T read_arg(void* p) {
 
 }  // namespace
 
+// The defaults are the members' initializers (emutv/models.h).
 void VpltModel::reset() {
-    vsync_hz = 59940;
-    vsync_hz_ret = 0;
-    offset_sec = 0;
-    offset_nsec = 1000000;
-    offset_ret = 0;
-    frames[0] = 2;
-    frames[1] = 1;
-    queue_size = 3;
-    last_pts = 0;
+    *this = VpltModel();
 }
 
-std::string VpltModel::request_name(unsigned long req, const void* arg) const {
+const char* VpltModel::request_literal(unsigned long req, const void* arg) const {
     if (req != VPLT_IOC_CMD || arg == nullptr)
         return "VPLT_IOCTL";
     switch (static_cast<const ST_VPLT_IOC_CMD*>(arg)->enCmd) {
@@ -91,8 +84,14 @@ std::string VpltModel::request_name(unsigned long req, const void* arg) const {
         case EN_VPLT_IOC_FR2IP_SetPTS:
             return "FR2IP_SetPTS";
         default:
-            return "VPLT_CMD_" + std::to_string(static_cast<const ST_VPLT_IOC_CMD*>(arg)->enCmd);
+            return nullptr;
     }
+}
+
+std::string VpltModel::request_name(unsigned long req, const void* arg) const {
+    if (const char* name = request_literal(req, arg))
+        return name;
+    return "VPLT_CMD_" + std::to_string(static_cast<const ST_VPLT_IOC_CMD*>(arg)->enCmd);
 }
 
 long VpltModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {

@@ -287,7 +287,8 @@ TEST_F(SinkTest, PositionIsTheFrameOnThePanelNeverOneStillQueued) {
 TEST_F(SinkTest, WithoutARectangleTheVideoFillsThePanel) {
     start();
     push_frames(1);
-    const emutv::Event* plane = first_event(tv().events(), "DRM_IOCTL_MODE_SETPLANE");
+    const std::vector<emutv::Event> events = tv().events();
+    const emutv::Event* plane = first_event(events, "DRM_IOCTL_MODE_SETPLANE");
     ASSERT_NE(plane, nullptr);
     EXPECT_EQ(plane->field("crtc_x"), 0);
     EXPECT_EQ(plane->field("crtc_w"), 3840);

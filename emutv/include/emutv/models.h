@@ -24,6 +24,9 @@ class DeviceModel {
     virtual void reset() = 0;
     // Name of the request, for the record and for fault matching.
     virtual std::string request_name(unsigned long req, const void* arg) const = 0;
+    // The same name as a literal when it is one (nullptr otherwise): no string is built on
+    // the way of a frequent request.
+    virtual const char* request_literal(unsigned long req, const void* arg) const;
     // Bytes of the record behind `arg` (default: the size field of the request number).
     virtual size_t record_size(unsigned long req, const void* arg) const;
     // Answers a request; returns its result, and sets *err when the result is negative.
@@ -95,6 +98,7 @@ class DrmModel : public DeviceModel {
     Device kind() const override { return Device::Drm; }
     void reset() override;
     std::string request_name(unsigned long req, const void* arg) const override;
+    const char* request_literal(unsigned long req, const void* arg) const override;
     long ioctl(int fd, unsigned long req, void* arg, Event& ev, int* err) override;
     // DRM_IOCTL_PRIME_HANDLE_TO_FD: the status replaces the exported descriptor in the
     // answer (the descriptor the driver made stays open; its number is in the event's "fd").
@@ -129,6 +133,7 @@ class VpltModel : public DeviceModel {
     Device kind() const override { return Device::Vplt; }
     void reset() override;
     std::string request_name(unsigned long req, const void* arg) const override;
+    const char* request_literal(unsigned long req, const void* arg) const override;
     long ioctl(int fd, unsigned long req, void* arg, Event& ev, int* err) override;
     void apply_status(unsigned long req, void* arg, int32_t status) override;
 };
@@ -169,6 +174,8 @@ class DecoderModel : public DeviceModel {
   public:
     // The broadcast frame handed out for V4L2_CID_GET_DISPLAY_FRAME_INFO (576 bytes).
     std::array<uint8_t, 576> display_frame{};
+    // Replaces it with a decoded YUV 4:2:0 frame of display index 1 (`platform broadcast`).
+    void set_display_frame(uint32_t w, uint32_t h, uint32_t aspect, uint32_t framerate, uint32_t port);
     Device kind() const override { return Device::Decoder; }
     void reset() override;
     std::string request_name(unsigned long req, const void* arg) const override;
@@ -243,6 +250,7 @@ class ComprModel : public DeviceModel {
     Device kind() const override { return Device::Compr; }
     void reset() override;
     std::string request_name(unsigned long req, const void* arg) const override;
+    const char* request_literal(unsigned long req, const void* arg) const override;
     long ioctl(int fd, unsigned long req, void* arg, Event& ev, int* err) override;
     long write(int fd, const void* buf, size_t n, Event& ev, int* err) override;
 };
