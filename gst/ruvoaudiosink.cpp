@@ -249,7 +249,9 @@ static bool poll_locked(RuvoAudioSinkState* s) {
     const int64_t delay_bytes = static_cast<int64_t>(info.frames_delay) * static_cast<int64_t>(frame_bytes);
     const int64_t remain = std::max<int64_t>(info.remain_size, 0);
     s->report.wallclock_ns = info.wallclock_us * 1000;
-    s->report.in_transit = static_cast<uint64_t>(std::max<int64_t>(delay_bytes - remain, 0));
+    const uint64_t in_transit = static_cast<uint64_t>(std::max<int64_t>(delay_bytes - remain, 0));
+    const uint64_t written = s->timeline.bytes_written();
+    s->report.taken = written > in_transit ? written - in_transit : 0;
     s->report.remain_ns = frames_to_ns(static_cast<uint64_t>(remain) / frame_bytes, s->config.rate);
     s->report_free = info.bytes_free;
     s->have_report = true;
@@ -437,12 +439,13 @@ static GstFlowReturn drain_locked(RuvoAudioSink* self) {
             if (ret != GST_FLOW_OK)
                 return ret;
         }
-        if (s->have_report && s->report.in_transit == 0 && s->report.remain_ns == 0) {
+        const uint64_t written = s->timeline.bytes_written();
+        if (s->have_report && s->report.taken >= written && s->report.remain_ns == 0) {
             s->last_heard = std::max(s->last_heard, s->timeline.end_ns());
             return GST_FLOW_OK;
         }
-        const uint64_t left = s->have_report ? s->report.in_transit : s->timeline.bytes_written();
-        if (wait_for_decoder_locked(s, std::max<uint64_t>(left, 1)) == WaitResult::Flushing)
+        const uint64_t left = s->have_report && s->report.taken < written ? written - s->report.taken : 1;
+        if (wait_for_decoder_locked(s, left) == WaitResult::Flushing)
             return GST_FLOW_FLUSHING;
     }
     return GST_FLOW_OK;
@@ -788,6 +791,8 @@ static GstStateChangeReturn ruvo_audio_sink_change_state(GstElement* element, Gs
 
 static GstStructure* stats_structure(RuvoAudioSinkState* s) {
     g_mutex_lock(&s->lock);
+    if (s->out != nullptr && s->stream_started && report_is_stale_locked(s))
+        poll_locked(s);
     const Stats st = s->stats;
     GstClockTime delay = 0;
     if (s->have_report && !s->timeline.empty())

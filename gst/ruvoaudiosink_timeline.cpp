@@ -56,8 +56,7 @@ uint64_t Timeline::time_at_byte(uint64_t offset) const {
 }
 
 uint64_t Timeline::decoded_at(const PlaybackReport& report) const {
-    const uint64_t taken = bytes_ > report.in_transit ? bytes_ - report.in_transit : 0;
-    return time_at_byte(taken);
+    return time_at_byte(report.taken);
 }
 
 uint64_t Timeline::heard_at(const PlaybackReport& report) const {

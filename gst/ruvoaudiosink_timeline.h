@@ -14,7 +14,7 @@ namespace ruvo_audio {
 // What the element reads from one playback report of the library, in the decoder's units.
 struct PlaybackReport {
     int64_t wallclock_ns = 0;  // time of the report, CLOCK_MONOTONIC_RAW
-    uint64_t in_transit = 0;   // bytes written and not yet taken by the decoder
+    uint64_t taken = 0;        // stream offset up to which the decoder took the bytes
     uint64_t remain_ns = 0;    // decoded audio the decoder holds and has not played
 };
 
@@ -37,7 +37,7 @@ class Timeline {
     // Device time at the byte `offset` of the stream, interpolated inside its block.
     uint64_t time_at_byte(uint64_t offset) const;
     // Device time of the sample leaving the decoder at the report: the decoder has taken
-    // everything but `in_transit` bytes, and still holds `remain_ns` of what it took.
+    // the bytes up to `taken`, and still holds `remain_ns` of what it took.
     uint64_t heard_at(const PlaybackReport& report) const;
     // Device time decoded at the report: no later instant can be heard before the next one.
     uint64_t decoded_at(const PlaybackReport& report) const;
