@@ -292,15 +292,14 @@ static GstClock* ruvo_audio_sink_provide_clock(GstElement* element) {
 
 // ---- Waiting --------------------------------------------------------------------------
 
-enum class WaitResult { Again, Flushing, Paused };
+enum class WaitResult { Again, Paused };
 
 // Sleeps until the decoder may have made room for `need` bytes (or played `need` bytes of
 // what it holds): the time the stream's byte rate says, at least until the next report is
-// due, at most kMaxWaitUs. A flush, a state change or a pause wakes it at once.
+// due, at most kMaxWaitUs. A flush, a state change or a pause wakes it at once; the caller
+// then waits in the base sink (Paused).
 static WaitResult wait_for_decoder_locked(RuvoAudioSinkState* s, uint64_t need) {
-    if (s->unlocked)
-        return WaitResult::Flushing;
-    if (s->paused)
+    if (s->unlocked || s->paused)
         return WaitResult::Paused;
     gint64 wait_us = RUVO_AUDIO_SINK_POLL_INTERVAL_US;
     const double bytes_per_second =
@@ -313,12 +312,12 @@ static WaitResult wait_for_decoder_locked(RuvoAudioSinkState* s, uint64_t need) 
     s->stats.waits++;
     while (!s->unlocked && !s->paused && g_get_monotonic_time() < due)
         g_cond_wait_until(&s->cond, &s->lock, due);
-    if (s->unlocked)
-        return WaitResult::Flushing;
-    return s->paused ? WaitResult::Paused : WaitResult::Again;
+    return s->unlocked || s->paused ? WaitResult::Paused : WaitResult::Again;
 }
 
-// In PAUSED the streaming thread waits in the base sink until PLAYING or a flush.
+// In PAUSED, or when the base sink unlocks the element (a flush, a state change), the
+// streaming thread waits in the base sink: it returns OK on PLAYING, FLUSHING on a flush or
+// on the way down to READY.
 static GstFlowReturn wait_while_paused(RuvoAudioSink* self) {
     RuvoAudioSinkState* s = self->s;
     g_mutex_unlock(&s->lock);
@@ -378,9 +377,7 @@ static GstFlowReturn write_block_locked(RuvoAudioSink* self, const uint8_t* data
     // exact, and with it the delay it reports. No header bytes are written.
     const unsigned tail = static_cast<unsigned>(size % (2u * s->config.channels));
     for (;;) {
-        if (s->unlocked)
-            return GST_FLOW_FLUSHING;
-        if (s->paused) {
+        if (s->unlocked || s->paused) {
             const GstFlowReturn ret = wait_while_paused(self);
             if (ret != GST_FLOW_OK)
                 return ret;
@@ -393,9 +390,7 @@ static GstFlowReturn write_block_locked(RuvoAudioSink* self, const uint8_t* data
                     return ret;
             }
             if (s->report_free < static_cast<gint64>(size)) {
-                const WaitResult w = wait_for_decoder_locked(s, static_cast<uint64_t>(size));
-                if (w == WaitResult::Flushing)
-                    return GST_FLOW_FLUSHING;
+                wait_for_decoder_locked(s, static_cast<uint64_t>(size));
                 continue;
             }
         }
@@ -426,9 +421,7 @@ static GstFlowReturn write_block_locked(RuvoAudioSink* self, const uint8_t* data
 static GstFlowReturn drain_locked(RuvoAudioSink* self) {
     RuvoAudioSinkState* s = self->s;
     while (s->out != nullptr && s->stream_started) {
-        if (s->unlocked)
-            return GST_FLOW_FLUSHING;
-        if (s->paused) {
+        if (s->unlocked || s->paused) {
             const GstFlowReturn ret = wait_while_paused(self);
             if (ret != GST_FLOW_OK)
                 return ret;
@@ -445,8 +438,7 @@ static GstFlowReturn drain_locked(RuvoAudioSink* self) {
             return GST_FLOW_OK;
         }
         const uint64_t left = s->have_report && s->report.taken < written ? written - s->report.taken : 1;
-        if (wait_for_decoder_locked(s, left) == WaitResult::Flushing)
-            return GST_FLOW_FLUSHING;
+        wait_for_decoder_locked(s, left);
     }
     return GST_FLOW_OK;
 }
@@ -674,9 +666,11 @@ static bool played_position(RuvoAudioSink* self, GstFormat format, gint64* posit
     return true;
 }
 
-static gboolean ruvo_audio_sink_query(GstBaseSink* bsink, GstQuery* query) {
-    RuvoAudioSink* self = RUVO_AUDIO_SINK(bsink);
+// POSITION and LATENCY, asked of the element or of its pad. Other queries: *handled false.
+static gboolean answer_query(RuvoAudioSink* self, GstQuery* query,
+                             gboolean (*parent)(RuvoAudioSink*, GstQuery*), bool* handled) {
     RuvoAudioSinkState* s = self->s;
+    *handled = true;
     switch (GST_QUERY_TYPE(query)) {
         case GST_QUERY_POSITION: {
             g_mutex_lock(&s->lock);
@@ -691,10 +685,11 @@ static gboolean ruvo_audio_sink_query(GstBaseSink* bsink, GstQuery* query) {
                 gst_query_set_position(query, format, position);
                 return TRUE;
             }
-            break;
+            *handled = false;
+            return FALSE;
         }
         case GST_QUERY_LATENCY: {
-            if (!GST_BASE_SINK_CLASS(ruvo_audio_sink_parent_class)->query(bsink, query))
+            if (!parent(self, query))
                 return FALSE;
             gboolean live = FALSE;
             GstClockTime min = 0, max = GST_CLOCK_TIME_NONE;
@@ -710,7 +705,28 @@ static gboolean ruvo_audio_sink_query(GstBaseSink* bsink, GstQuery* query) {
         default:
             break;
     }
-    return GST_BASE_SINK_CLASS(ruvo_audio_sink_parent_class)->query(bsink, query);
+    *handled = false;
+    return FALSE;
+}
+
+static gboolean parent_sink_query(RuvoAudioSink* self, GstQuery* query) {
+    return GST_BASE_SINK_CLASS(ruvo_audio_sink_parent_class)->query(GST_BASE_SINK(self), query);
+}
+
+static gboolean parent_element_query(RuvoAudioSink* self, GstQuery* query) {
+    return GST_ELEMENT_CLASS(ruvo_audio_sink_parent_class)->query(GST_ELEMENT(self), query);
+}
+
+static gboolean ruvo_audio_sink_query(GstBaseSink* bsink, GstQuery* query) {
+    bool handled = false;
+    const gboolean answer = answer_query(RUVO_AUDIO_SINK(bsink), query, parent_sink_query, &handled);
+    return handled ? answer : parent_sink_query(RUVO_AUDIO_SINK(bsink), query);
+}
+
+static gboolean ruvo_audio_sink_element_query(GstElement* element, GstQuery* query) {
+    bool handled = false;
+    const gboolean answer = answer_query(RUVO_AUDIO_SINK(element), query, parent_element_query, &handled);
+    return handled ? answer : parent_element_query(RUVO_AUDIO_SINK(element), query);
 }
 
 static gboolean ruvo_audio_sink_unlock(GstBaseSink* bsink) {
@@ -935,6 +951,7 @@ static void ruvo_audio_sink_class_init(RuvoAudioSinkClass* klass) {
     gst_element_class_add_static_pad_template(element_class, &sink_template);
     element_class->change_state = ruvo_audio_sink_change_state;
     element_class->provide_clock = ruvo_audio_sink_provide_clock;
+    element_class->query = ruvo_audio_sink_element_query;
     sink_class->set_caps = ruvo_audio_sink_set_caps;
     sink_class->render = ruvo_audio_sink_render;
     sink_class->event = ruvo_audio_sink_event;

@@ -38,8 +38,9 @@ TEST_F(RenderCost, the_render_path_allocates_nothing_per_buffer) {
 
 TEST_F(RenderCost, raw_aac_framing_allocates_nothing_per_buffer) {
     start();
-    GstCaps* caps = gst_caps_from_string("audio/mpeg, mpegversion=(int)4, stream-format=(string)raw, channels=(int)2, "
-                                         "rate=(int)44100");
+    GstCaps* caps = gst_caps_from_string(
+        "audio/mpeg, mpegversion=(int)4, stream-format=(string)raw, channels=(int)2, "
+        "rate=(int)44100");
     const guint8 asc[] = {0x12, 0x10};
     GstBuffer* codec_data = gst_buffer_new_memdup(asc, sizeof(asc));
     gst_caps_set_simple(caps, "codec_data", GST_TYPE_BUFFER, codec_data, nullptr);

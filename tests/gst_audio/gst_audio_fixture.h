@@ -22,7 +22,8 @@
 namespace gst_audio_test {
 
 constexpr char kDevice[] = "/dev/snd/comprC0D0";
-constexpr char kAdtsCaps[] = "audio/mpeg, mpegversion=(int)4, stream-format=(string)adts, channels=(int)2, rate=(int)48000";
+constexpr char kAdtsCaps[] =
+    "audio/mpeg, mpegversion=(int)4, stream-format=(string)adts, channels=(int)2, rate=(int)48000";
 constexpr GstClockTime kFrame = 21333333;  // 1024 samples at 48 kHz
 
 inline void register_element() {
@@ -46,6 +47,9 @@ class GstAudioTest : public ruvo_test::PlatformTest {
         if (h_ != nullptr)
             gst_harness_teardown(h_);
         h_ = nullptr;
+        for (GstMessage* m : posted_)
+            gst_message_unref(m);
+        posted_.clear();
         if (bus_ != nullptr)
             gst_object_unref(bus_);
         bus_ = nullptr;
@@ -74,7 +78,8 @@ class GstAudioTest : public ruvo_test::PlatformTest {
     }
 
     // A block of `size` bytes (an ADTS header, then a counting pattern), one frame long.
-    static GstBuffer* block(size_t size, GstClockTime pts = GST_CLOCK_TIME_NONE, GstClockTime duration = kFrame) {
+    static GstBuffer* block(size_t size, GstClockTime pts = GST_CLOCK_TIME_NONE,
+                            GstClockTime duration = kFrame) {
         GstBuffer* b = gst_buffer_new_allocate(nullptr, size, nullptr);
         GstMapInfo map;
         gst_buffer_map(b, &map, GST_MAP_WRITE);
@@ -89,7 +94,9 @@ class GstAudioTest : public ruvo_test::PlatformTest {
         return b;
     }
 
-    GstFlowReturn push(size_t size, GstClockTime pts = GST_CLOCK_TIME_NONE) { return gst_harness_push(h_, block(size, pts)); }
+    GstFlowReturn push(size_t size, GstClockTime pts = GST_CLOCK_TIME_NONE) {
+        return gst_harness_push(h_, block(size, pts));
+    }
 
     // Pushes on a thread of its own (the streaming thread may wait for room).
     void push_in_background(size_t size) {
@@ -124,11 +131,14 @@ class GstAudioTest : public ruvo_test::PlatformTest {
         return tv().count(name);
     }
 
-    // Messages of a type posted so far, taken from the bus.
+    // Messages of a type posted so far (the others stay for a later look).
     std::vector<GstMessage*> take(GstMessageType type) {
-        std::vector<GstMessage*> out;
-        while (GstMessage* m = gst_bus_pop_filtered(bus_, type))
-            out.push_back(m);
+        while (GstMessage* m = gst_bus_pop(bus_))
+            posted_.push_back(m);
+        std::vector<GstMessage*> out, rest;
+        for (GstMessage* m : posted_)
+            (GST_MESSAGE_TYPE(m) & type ? out : rest).push_back(m);
+        posted_ = rest;
         return out;
     }
     size_t count_messages(GstMessageType type) {
@@ -156,6 +166,11 @@ class GstAudioTest : public ruvo_test::PlatformTest {
         return out;
     }
 
+    std::vector<size_t> write_sizes() {
+        std::lock_guard<std::recursive_mutex> g(tv().mutex());
+        return tv().compr().write_sizes;
+    }
+
     std::vector<std::string> compr_requests() {
         std::lock_guard<std::recursive_mutex> g(tv().mutex());
         return request_names(emutv::Device::Compr);
@@ -163,6 +178,7 @@ class GstAudioTest : public ruvo_test::PlatformTest {
 
     GstHarness* h_ = nullptr;
     GstBus* bus_ = nullptr;
+    std::vector<GstMessage*> posted_;
     std::thread pusher_;
     std::atomic<bool> pushed_{false};
     std::atomic<GstFlowReturn> result_{GST_FLOW_OK};

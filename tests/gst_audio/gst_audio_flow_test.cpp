@@ -11,7 +11,9 @@ using Writes = std::vector<std::pair<std::string, long>>;
 namespace {
 
 // The driver's remain answer for `ns` of decoded 2-channel audio (48 kHz, 16-bit).
-uint64_t remain_for(GstClockTime ns) { return ns * 48000 / GST_SECOND * 4; }
+uint64_t remain_for(GstClockTime ns) {
+    return (ns * 48000 + GST_SECOND / 2) / GST_SECOND * 4;
+}
 
 // A full driver buffer: less room than any block plus the library's reserve.
 constexpr uint64_t kFull = 200;
@@ -20,13 +22,22 @@ constexpr uint64_t kFull = 200;
 
 class Flow : public GstAudioTest {
   protected:
+    // The driver's buffer fills with the first block of 400 bytes, leaving kFull.
+    void fill_with_first_block() {
+        script([](emutv::ComprModel& c) {
+            c.avail = 400 + kFull;
+            c.consume_on_write = true;
+        });
+    }
     GstClockTime clock_time() {
         GstClock* clock = gst_element_provide_clock(sink());
         const GstClockTime t = gst_clock_get_time(clock);
         gst_object_unref(clock);
         return t;
     }
-    bool query_position(gint64* position) { return gst_element_query_position(sink(), GST_FORMAT_TIME, position); }
+    bool query_position(gint64* position) {
+        return gst_element_query_position(sink(), GST_FORMAT_TIME, position);
+    }
     void set_state(GstState state) {
         gst_element_set_state(sink(), state);
         gst_element_get_state(sink(), nullptr, nullptr, 0);
@@ -69,15 +80,16 @@ TEST_F(Flow, the_no_space_answer_is_met_only_when_the_room_shrinks_under_the_rep
     tv().set_listener(nullptr);
     EXPECT_EQ(count("write"), 1u);
     EXPECT_EQ(stat("no-space"), 1u);
-    EXPECT_EQ(lines(), (std::vector<std::string>{ruvo_test::aline(
-                           "quarvel_audio_output_push_data",
-                           "quarvel_audio_output_push_data no space (need = 400, with_headers = 400, avail = 100)")}));
+    EXPECT_EQ(lines(),
+              (std::vector<std::string>{ruvo_test::aline(
+                  "quarvel_audio_output_push_data",
+                  "quarvel_audio_output_push_data no space (need = 400, with_headers = 400, avail = 100)")}));
 }
 
 TEST_F(Flow, a_flush_ends_the_wait_at_once_and_restarts_the_stream) {
     start_with_caps();
+    fill_with_first_block();
     ASSERT_EQ(push(400), GST_FLOW_OK);
-    script([](emutv::ComprModel& c) { c.avail = kFull; });
     push_in_background(400);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     ASSERT_FALSE(pushed_);
@@ -114,8 +126,8 @@ TEST_F(Flow, pause_holds_the_decoder_through_the_rate_control_and_resume_goes_on
 
 TEST_F(Flow, a_pause_during_the_wait_holds_the_block_until_resume) {
     start_with_caps();
+    fill_with_first_block();
     ASSERT_EQ(push(400), GST_FLOW_OK);
-    script([](emutv::ComprModel& c) { c.avail = kFull; });
     push_in_background(400);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     gst_element_set_state(sink(), GST_STATE_PAUSED);
@@ -168,20 +180,29 @@ TEST_F(Flow, a_codec_switch_drains_stops_and_sets_up_again) {
     start_with_caps();
     ASSERT_EQ(push(400), GST_FLOW_OK);
     ASSERT_EQ(push(400), GST_FLOW_OK);
-    script([](emutv::ComprModel& c) { c.copied_total = 800; });
-    gst_harness_set_src_caps_str(h_, "audio/x-ac3, framed=(boolean)true, alignment=(string)frame, channels=(int)6, "
-                                     "rate=(int)48000");
+    script([](emutv::ComprModel& c) { c.copied_total = 800; });  // all played
+    gst_harness_set_src_caps_str(
+        h_,
+        "audio/x-ac3, framed=(boolean)true, alignment=(string)frame, channels=(int)6, "
+        "rate=(int)48000");
+    EXPECT_EQ(tv().count("SNDRV_COMPRESS_SET_PARAMS"), 0u);  // not before the stream played out
     tv().clear_events();
-    script([](emutv::ComprModel& c) { c.copied_total = 0; });  // a new stream counts afresh
+    // The driver's stream counts afresh after the stop.
+    tv().set_listener([](const emutv::Event& e) {
+        if (e.name == "SNDRV_COMPRESS_STOP")
+            emutv::platform().compr().copied_total = 0;
+    });
     ASSERT_EQ(push(768), GST_FLOW_OK);
     auto requests = compr_requests();
     // The drain's report, then stop, setup of 6 channels, the new stream's report and block.
-    const std::vector<std::string> expected{
-        "SNDRV_COMPRESS_TSTAMP",        "SNDRV_COMPRESS_GET_METADATA", "SNDRV_COMPRESS_AVAIL",
-        "SNDRV_COMPRESS_STOP",          "SNDRV_COMPRESS_GET_CAPS",     "SNDRV_COMPRESS_SET_PARAMS",
-        "SNDRV_COMPRESS_SET_METADATA",  "SNDRV_COMPRESS_SET_METADATA", "SNDRV_COMPRESS_SET_METADATA",
-        "SNDRV_COMPRESS_TSTAMP",        "SNDRV_COMPRESS_GET_METADATA", "SNDRV_COMPRESS_AVAIL",
-        "SNDRV_COMPRESS_AVAIL",         "write",                       "SNDRV_COMPRESS_START"};
+    const std::vector<std::string> expected{"SNDRV_COMPRESS_TSTAMP",       "SNDRV_COMPRESS_GET_METADATA",
+                                            "SNDRV_COMPRESS_AVAIL",        "SNDRV_COMPRESS_STOP",
+                                            "SNDRV_COMPRESS_GET_CAPS",     "SNDRV_COMPRESS_SET_PARAMS",
+                                            "SNDRV_COMPRESS_SET_METADATA", "SNDRV_COMPRESS_SET_METADATA",
+                                            "SNDRV_COMPRESS_SET_METADATA", "SNDRV_COMPRESS_TSTAMP",
+                                            "SNDRV_COMPRESS_GET_METADATA", "SNDRV_COMPRESS_AVAIL",
+                                            "SNDRV_COMPRESS_AVAIL",        "write",
+                                            "SNDRV_COMPRESS_START"};
     EXPECT_EQ(requests, expected);
     auto params = tv().events("SNDRV_COMPRESS_SET_PARAMS");
     ASSERT_EQ(params.size(), 1u);
@@ -250,8 +271,8 @@ TEST_F(Flow, latency_includes_what_the_decoder_holds) {
 
 TEST_F(Flow, report_reads_under_a_full_buffer_stay_within_fifty_a_second) {
     start_with_caps();
+    fill_with_first_block();
     ASSERT_EQ(push(400), GST_FLOW_OK);
-    script([](emutv::ComprModel& c) { c.avail = kFull; });
     const size_t before = count("SNDRV_COMPRESS_TSTAMP");
     push_in_background(400);
     const auto t0 = std::chrono::steady_clock::now();

@@ -32,7 +32,7 @@ TEST(AdtsConfig, he_aac_is_carried_as_its_aac_core) {
 TEST(AdtsConfig, an_explicit_rate_takes_the_nearest_table_entry) {
     // LC (2), index 15 then 24-bit 44100, mono: 00010 1111 <24 bits> 0001.
     const uint32_t rate = 44100;
-    const uint64_t bits = (2ull << 33) | (15ull << 29) | (static_cast<uint64_t>(rate) << 5) | (1ull << 1);
+    const uint64_t bits = (2ull << 35) | (15ull << 31) | (static_cast<uint64_t>(rate) << 7) | (1ull << 3);
     const uint8_t asc[] = {static_cast<uint8_t>(bits >> 32), static_cast<uint8_t>(bits >> 24),
                            static_cast<uint8_t>(bits >> 16), static_cast<uint8_t>(bits >> 8),
                            static_cast<uint8_t>(bits)};
@@ -60,7 +60,8 @@ TEST(AdtsHeader, carries_the_frame_length_and_the_mpeg_version) {
     AdtsConfig c{1, 3, 6, false};
     ASSERT_TRUE(ruvo_audio::write_adts_header(c, 100, h));
     // length 107 = 0b0000001101011
-    EXPECT_EQ(std::vector<uint8_t>(h, h + 7), (std::vector<uint8_t>{0xFF, 0xF1, 0x4D, 0x80, 0x0D, 0x7F, 0xFC}));
+    EXPECT_EQ(std::vector<uint8_t>(h, h + 7),
+              (std::vector<uint8_t>{0xFF, 0xF1, 0x4D, 0x80, 0x0D, 0x7F, 0xFC}));
     c.mpeg2 = true;
     ASSERT_TRUE(ruvo_audio::write_adts_header(c, 100, h));
     EXPECT_EQ(h[1], 0xF9);
