@@ -1,0 +1,102 @@
+// ruvoaudiosink in whole pipelines on the scripted device, with a stand-in for the decoder
+// that takes the bytes written at a steady byte rate: AAC from GStreamer's encoder through
+// aacparse plays to EOS, and the pipeline runs on the element's clock.
+#include "gst_audio_fixture.h"
+
+using gst_audio_test::GstAudioTest;
+
+class Pipeline : public GstAudioTest {
+  protected:
+    void TearDown() override {
+        stop_decoder();
+        if (pipeline_ != nullptr) {
+            gst_element_set_state(pipeline_, GST_STATE_NULL);
+            gst_object_unref(pipeline_);
+        }
+        GstAudioTest::TearDown();
+    }
+
+    // Takes what was written at `bytes_per_second`, leaving the room to the writer.
+    void start_decoder(uint64_t bytes_per_second) {
+        running_ = true;
+        script([](emutv::ComprModel& c) {
+            c.avail = 16384;
+            c.consume_on_write = true;  // each write takes room, the decoder gives it back
+        });
+        decoder_ = std::thread([this, bytes_per_second] {
+            const auto t0 = std::chrono::steady_clock::now();
+            while (running_) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+                script([&](emutv::ComprModel& c) {
+                    const uint64_t budget = static_cast<uint64_t>(s * static_cast<double>(bytes_per_second));
+                    if (!c.running)
+                        return;
+                    const uint32_t taken = static_cast<uint32_t>(std::min<uint64_t>(c.bytes_written, budget));
+                    c.avail += taken - c.copied_total;
+                    c.copied_total = taken;
+                });
+            }
+        });
+    }
+    void stop_decoder() {
+        running_ = false;
+        if (decoder_.joinable())
+            decoder_.join();
+    }
+
+    GstElement* launch(const char* description) {
+        GError* error = nullptr;
+        pipeline_ = gst_parse_launch(description, &error);
+        EXPECT_EQ(error, nullptr) << (error != nullptr ? error->message : "");
+        return pipeline_;
+    }
+
+    GstElement* pipeline_ = nullptr;
+    std::thread decoder_;
+    std::atomic<bool> running_{false};
+};
+
+TEST_F(Pipeline, encoded_aac_plays_to_eos_on_the_element_clock_beside_a_video_branch) {
+    ASSERT_NE(
+        launch("audiotestsrc num-buffers=100 samplesperbuffer=1024 ! audio/x-raw,rate=48000,channels=2 ! "
+               "avenc_aac bitrate=128000 ! aacparse ! ruvoaudiosink name=audio device=/dev/snd/comprC0D0 "
+               "videotestsrc num-buffers=50 ! video/x-raw,framerate=25/1 ! fakesink sync=true"),
+        nullptr);
+    start_decoder(16000);
+    GstElement* audio = gst_bin_get_by_name(GST_BIN(pipeline_), "audio");
+    ASSERT_EQ(gst_element_set_state(pipeline_, GST_STATE_PLAYING), GST_STATE_CHANGE_ASYNC);
+    GstBus* bus = gst_element_get_bus(pipeline_);
+    GstMessage* m = gst_bus_timed_pop_filtered(bus, 10 * GST_SECOND, GST_MESSAGE_ASYNC_DONE);
+    ASSERT_NE(m, nullptr);
+    gst_message_unref(m);
+    GstClock* provided = gst_element_provide_clock(audio);
+    GstClock* used = gst_pipeline_get_pipeline_clock(GST_PIPELINE(pipeline_));
+    EXPECT_EQ(used, provided);
+    gint64 last = 0;
+    bool monotonic = true;
+    GstMessage* end = nullptr;
+    while ((end = gst_bus_timed_pop_filtered(
+                bus, 100 * GST_MSECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR))) ==
+           nullptr) {
+        gint64 position = 0;
+        if (gst_element_query_position(audio, GST_FORMAT_TIME, &position)) {
+            monotonic = monotonic && position >= last;
+            last = position;
+        }
+    }
+    EXPECT_EQ(GST_MESSAGE_TYPE(end), GST_MESSAGE_EOS);
+    gst_message_unref(end);
+    EXPECT_TRUE(monotonic);
+    EXPECT_GT(last, 0);
+    {
+        std::lock_guard<std::recursive_mutex> g(tv().mutex());
+        EXPECT_EQ(tv().compr().copied_total, tv().compr().bytes_written);  // EOS after the decoder took all
+        EXPECT_GE(tv().compr().starts, 1u);
+    }
+    EXPECT_EQ(lines(), std::vector<std::string>{});  // no no-space line from the library
+    gst_object_unref(used);
+    gst_object_unref(provided);
+    gst_object_unref(bus);
+    gst_object_unref(audio);
+}
