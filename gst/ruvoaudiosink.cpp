@@ -93,6 +93,11 @@ struct RuvoAudioSinkState {
     gint64 report_free = 0;   // room the report saw, less what was written since
     gint64 last_poll_us = 0;  // g_get_monotonic_time of the last report
     uint64_t last_heard = 0;  // the latest device time the clock gave
+    // After EOS the decoder has played everything: the clock runs on from where it ended,
+    // as silence plays, so that a longer video goes on.
+    bool drained = false;
+    uint64_t idle_from = 0;     // device time when the clock last started running idle
+    int64_t idle_since_ns = 0;  // CLOCK_MONOTONIC_RAW then
     bool starved = false;
 
     // Flow.
@@ -263,6 +268,11 @@ static bool poll_locked(RuvoAudioSinkState* s) {
 }
 
 static uint64_t heard_now_locked(RuvoAudioSinkState* s) {
+    if (s->drained) {
+        if (!s->paused)
+            s->last_heard = std::max(s->last_heard, s->idle_from + (monotonic_raw_ns() - s->idle_since_ns));
+        return s->last_heard;
+    }
     if (!s->have_report || s->timeline.empty())
         return s->last_heard;
     const bool playing = !s->paused && s->applied_speed > 0.0;
@@ -279,7 +289,7 @@ static bool report_is_stale_locked(const RuvoAudioSinkState* s) {
 static GstClockTime clock_time(GstClock*, gpointer user_data) {
     RuvoAudioSinkState* s = RUVO_AUDIO_SINK(user_data)->s;
     g_mutex_lock(&s->lock);
-    if (s->out != nullptr && s->stream_started && report_is_stale_locked(s))
+    if (s->out != nullptr && s->stream_started && !s->drained && report_is_stale_locked(s))
         poll_locked(s);
     const uint64_t t = heard_now_locked(s);
     g_mutex_unlock(&s->lock);
@@ -355,6 +365,7 @@ static void start_timeline_locked(RuvoAudioSink* self, GstClockTime running) {
     if (on_own_clock && GST_CLOCK_TIME_IS_VALID(running))
         start = std::max<uint64_t>(start, gst_element_get_base_time(GST_ELEMENT(self)) + running);
     s->timeline.restart(start);
+    s->drained = false;
     s->running_origin = GST_CLOCK_TIME_IS_VALID(running) ? running : 0;
 }
 
@@ -417,6 +428,12 @@ static GstFlowReturn write_block_locked(RuvoAudioSink* self, const uint8_t* data
     }
 }
 
+static void start_idle_clock_locked(RuvoAudioSinkState* s) {
+    s->drained = true;
+    s->idle_from = s->last_heard;
+    s->idle_since_ns = monotonic_raw_ns();
+}
+
 // Drains the stream: returns once the decoder played everything written.
 static GstFlowReturn drain_locked(RuvoAudioSink* self) {
     RuvoAudioSinkState* s = self->s;
@@ -435,6 +452,7 @@ static GstFlowReturn drain_locked(RuvoAudioSink* self) {
         const uint64_t written = s->timeline.bytes_written();
         if (s->have_report && s->report.taken >= written && s->report.remain_ns == 0) {
             s->last_heard = std::max(s->last_heard, s->timeline.end_ns());
+            start_idle_clock_locked(s);
             return GST_FLOW_OK;
         }
         const uint64_t left = s->have_report && s->report.taken < written ? written - s->report.taken : 1;
@@ -453,6 +471,7 @@ static void stop_stream_locked(RuvoAudioSinkState* s) {
     s->stream_started = false;
     s->have_report = false;
     s->starved = false;
+    s->drained = false;
 }
 
 // A codec or rate change: the stream before it plays out, then the output is set up anew.
@@ -751,6 +770,8 @@ static void set_paused(RuvoAudioSinkState* s, bool paused) {
     if (paused && s->have_report)
         heard_now_locked(s);  // the clock stands where the decoder holds
     s->paused = paused;
+    if (!paused && s->drained)
+        start_idle_clock_locked(s);
     if (s->out != nullptr)
         apply_speed_locked(s);
     if (!paused && s->have_report)

@@ -285,3 +285,25 @@ TEST_F(Flow, report_reads_under_a_full_buffer_stay_within_fifty_a_second) {
     EXPECT_LE(static_cast<double>(polls), 50.0 * seconds + 1.0);
     EXPECT_GE(polls, 2u);
 }
+
+TEST_F(Flow, after_eos_the_clock_runs_on_as_silence_plays_and_stands_while_paused) {
+    start_with_caps();
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(push(400, i * kFrame), GST_FLOW_OK);
+    script([](emutv::ComprModel& c) { c.copied_total = 1200; });
+    ASSERT_TRUE(gst_harness_push_event(h_, gst_event_new_eos()));
+    const GstClockTime t0 = clock_time();
+    EXPECT_GE(t0, 3 * kFrame);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const GstClockTime t1 = clock_time();
+    EXPECT_GE(t1 - t0, 100 * GST_MSECOND);
+    set_state(GST_STATE_PAUSED);
+    const GstClockTime t2 = clock_time();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(clock_time(), t2);
+    set_state(GST_STATE_PLAYING);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const GstClockTime t3 = clock_time();
+    EXPECT_GE(t3 - t2, 50 * GST_MSECOND);
+    EXPECT_LT(t3 - t2, 10 * GST_SECOND);  // on from where it stood, no jump
+}
