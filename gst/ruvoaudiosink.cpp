@@ -41,7 +41,9 @@ struct StreamConfig {
     uint32_t rate = 0;
     ruvo_audio::AdtsConfig adts;
     bool operator==(const StreamConfig& o) const {
-        return codec == o.codec && channels == o.channels && rate == o.rate;
+        return codec == o.codec && channels == o.channels && rate == o.rate &&
+               adts.profile == o.adts.profile && adts.frequency_index == o.adts.frequency_index &&
+               adts.channel_config == o.adts.channel_config && adts.mpeg2 == o.adts.mpeg2;
     }
 };
 
@@ -588,9 +590,7 @@ static gboolean ruvo_audio_sink_set_caps(GstBaseSink* bsink, GstCaps* caps) {
     } else if (s->stream_started) {
         // The stream in the decoder plays out first: the switch happens before the next block.
         s->pending = config;
-        s->switch_pending = !(config == s->config) || config.codec == Codec::AacRaw;
-        if (!s->switch_pending)
-            s->config = config;
+        s->switch_pending = !(config == s->config);
     } else {
         s->switch_pending = false;
         ok = setup_output_locked(self, config);
@@ -667,7 +667,9 @@ static bool played_position(RuvoAudioSink* self, GstFormat format, gint64* posit
     if (have) {
         if (report_is_stale_locked(s))
             poll_locked(s);
-        const uint64_t heard = std::max(heard_now_locked(s), s->timeline.start_ns());
+        // Never past the end of what was written (the clock runs on after EOS).
+        const uint64_t heard =
+            std::min(std::max(heard_now_locked(s), s->timeline.start_ns()), s->timeline.end_ns());
         running = s->running_origin + (heard - s->timeline.start_ns());
     }
     g_mutex_unlock(&s->lock);

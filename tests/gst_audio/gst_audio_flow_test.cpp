@@ -307,3 +307,33 @@ TEST_F(Flow, after_eos_the_clock_runs_on_as_silence_plays_and_stands_while_pause
     EXPECT_GE(t3 - t2, 50 * GST_MSECOND);
     EXPECT_LT(t3 - t2, 10 * GST_SECOND);  // on from where it stood, no jump
 }
+
+TEST_F(Flow, leaving_paused_for_ready_during_the_wait_ends_it_as_flushing) {
+    start_with_caps();
+    fill_with_first_block();
+    ASSERT_EQ(push(400), GST_FLOW_OK);
+    push_in_background(400);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_FALSE(pushed_);
+    gst_element_set_state(sink(), GST_STATE_READY);
+    ASSERT_TRUE(wait_pushed());
+    EXPECT_EQ(result_, GST_FLOW_FLUSHING);
+    EXPECT_EQ(count("write"), 1u);
+    EXPECT_EQ(count("SNDRV_COMPRESS_STOP"), 1u);  // the stream ends with the state
+}
+
+TEST_F(Flow, a_decoder_found_empty_while_playing_counts_one_underrun_per_starvation) {
+    start_with_caps();
+    ASSERT_EQ(push(400, 0), GST_FLOW_OK);
+    script([](emutv::ComprModel& c) { c.copied_total = 400; });  // all taken and played
+    std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    EXPECT_EQ(stat("underruns"), 1u);
+    std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    EXPECT_EQ(stat("underruns"), 1u);  // still the same starvation
+    ASSERT_EQ(push(400, kFrame), GST_FLOW_OK);
+    std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    EXPECT_EQ(stat("underruns"), 1u);  // fed again
+    script([](emutv::ComprModel& c) { c.copied_total = 800; });
+    std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    EXPECT_EQ(stat("underruns"), 2u);
+}
