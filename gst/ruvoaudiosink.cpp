@@ -16,6 +16,9 @@
 #include <gst/base/gstbasesink.h>
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -70,8 +73,8 @@ int64_t monotonic_raw_ns() {
 }  // namespace
 
 struct RuvoAudioSinkState {
-    GMutex lock;
-    GCond cond;
+    std::mutex lock;
+    std::condition_variable cond;
 
     // Properties.
     std::string device = RUVO_AUDIO_SINK_DEFAULT_DEVICE;
@@ -290,11 +293,11 @@ static bool report_is_stale_locked(const RuvoAudioSinkState* s) {
 // The provided clock: the device time of the sample leaving the decoder now.
 static GstClockTime clock_time(GstClock*, gpointer user_data) {
     RuvoAudioSinkState* s = RUVO_AUDIO_SINK(user_data)->s;
-    g_mutex_lock(&s->lock);
+    s->lock.lock();
     if (s->out != nullptr && s->stream_started && !s->drained && report_is_stale_locked(s))
         poll_locked(s);
     const uint64_t t = heard_now_locked(s);
-    g_mutex_unlock(&s->lock);
+    s->lock.unlock();
     return t;
 }
 
@@ -305,6 +308,14 @@ static GstClock* ruvo_audio_sink_provide_clock(GstElement* element) {
 // ---- Waiting --------------------------------------------------------------------------
 
 enum class WaitResult { Again, Paused };
+
+// Waits on the condition with the lock held (and released while waiting) until
+// `due_us` of g_get_monotonic_time, the same clock as steady_clock's.
+static void wait_until_locked(RuvoAudioSinkState* s, gint64 due_us) {
+    std::unique_lock<std::mutex> held(s->lock, std::adopt_lock);
+    s->cond.wait_until(held, std::chrono::steady_clock::time_point(std::chrono::microseconds(due_us)));
+    held.release();
+}
 
 // Sleeps until the decoder may have made room for `need` bytes (or played `need` bytes of
 // what it holds): the time the stream's byte rate says, at least until the next report is
@@ -323,7 +334,7 @@ static WaitResult wait_for_decoder_locked(RuvoAudioSinkState* s, uint64_t need) 
     const gint64 due = std::max(s->last_poll_us + wait_us, g_get_monotonic_time() + 1000);
     s->stats.waits++;
     while (!s->unlocked && !s->paused && g_get_monotonic_time() < due)
-        g_cond_wait_until(&s->cond, &s->lock, due);
+        wait_until_locked(s, due);
     return s->unlocked || s->paused ? WaitResult::Paused : WaitResult::Again;
 }
 
@@ -332,9 +343,9 @@ static WaitResult wait_for_decoder_locked(RuvoAudioSinkState* s, uint64_t need) 
 // on the way down to READY.
 static GstFlowReturn wait_while_paused(RuvoAudioSink* self) {
     RuvoAudioSinkState* s = self->s;
-    g_mutex_unlock(&s->lock);
+    s->lock.unlock();
     const GstFlowReturn ret = gst_base_sink_wait_preroll(GST_BASE_SINK(self));
-    g_mutex_lock(&s->lock);
+    s->lock.lock();
     return ret;
 }
 
@@ -513,7 +524,7 @@ static GstFlowReturn ruvo_audio_sink_render(GstBaseSink* bsink, GstBuffer* buffe
     if (!gst_buffer_map(buffer, &map, GST_MAP_READ))
         return GST_FLOW_ERROR;
     GstFlowReturn ret = GST_FLOW_OK;
-    g_mutex_lock(&s->lock);
+    s->lock.lock();
     if (s->switch_pending)
         ret = switch_stream_locked(self);
     size_t size = 0;
@@ -529,7 +540,7 @@ static GstFlowReturn ruvo_audio_sink_render(GstBaseSink* bsink, GstBuffer* buffe
             static_cast<uint64_t>(static_cast<double>(block_duration(s, buffer)) / s->rate);
         ret = write_block_locked(self, data, size, device_ns);
     }
-    g_mutex_unlock(&s->lock);
+    s->lock.unlock();
     gst_buffer_unmap(buffer, &map);
     return ret;
 }
@@ -581,7 +592,7 @@ static gboolean ruvo_audio_sink_set_caps(GstBaseSink* bsink, GstCaps* caps) {
         GST_ELEMENT_ERROR(self, STREAM, FORMAT, ("Unusable audio caps."), ("%" GST_PTR_FORMAT, caps));
         return FALSE;
     }
-    g_mutex_lock(&s->lock);
+    s->lock.lock();
     gboolean ok = TRUE;
     if (s->scratch.size() < ruvo_audio::kAdtsMaxFrameBytes)
         s->scratch.resize(ruvo_audio::kAdtsMaxFrameBytes);
@@ -595,7 +606,7 @@ static gboolean ruvo_audio_sink_set_caps(GstBaseSink* bsink, GstCaps* caps) {
         s->switch_pending = false;
         ok = setup_output_locked(self, config);
     }
-    g_mutex_unlock(&s->lock);
+    s->lock.unlock();
     return ok;
 }
 
@@ -611,31 +622,31 @@ static gboolean ruvo_audio_sink_event(GstBaseSink* bsink, GstEvent* event) {
     RuvoAudioSinkState* s = RUVO_AUDIO_SINK(bsink)->s;
     switch (GST_EVENT_TYPE(event)) {
         case GST_EVENT_FLUSH_START:
-            g_mutex_lock(&s->lock);
+            s->lock.lock();
             s->flushing = true;
-            g_mutex_unlock(&s->lock);
+            s->lock.unlock();
             break;
         case GST_EVENT_FLUSH_STOP:
-            g_mutex_lock(&s->lock);
+            s->lock.lock();
             stop_stream_locked(s);
             s->flushing = false;
-            g_mutex_unlock(&s->lock);
+            s->lock.unlock();
             break;
         case GST_EVENT_SEGMENT: {
             const GstSegment* segment = nullptr;
             gst_event_parse_segment(event, &segment);
-            g_mutex_lock(&s->lock);
+            s->lock.lock();
             s->segment_rate = segment->rate;
             set_rate_locked(s, segment->rate);
-            g_mutex_unlock(&s->lock);
+            s->lock.unlock();
             break;
         }
         case GST_EVENT_INSTANT_RATE_CHANGE: {
             gdouble multiplier = 1.0;
             gst_event_parse_instant_rate_change(event, &multiplier, nullptr);
-            g_mutex_lock(&s->lock);
+            s->lock.lock();
             set_rate_locked(s, s->segment_rate * multiplier);
-            g_mutex_unlock(&s->lock);
+            s->lock.unlock();
             break;
         }
         default:
@@ -650,9 +661,9 @@ static GstFlowReturn ruvo_audio_sink_wait_event(GstBaseSink* bsink, GstEvent* ev
     if (ret != GST_FLOW_OK || GST_EVENT_TYPE(event) != GST_EVENT_EOS)
         return ret;
     RuvoAudioSinkState* s = RUVO_AUDIO_SINK(bsink)->s;
-    g_mutex_lock(&s->lock);
+    s->lock.lock();
     ret = drain_locked(RUVO_AUDIO_SINK(bsink));
-    g_mutex_unlock(&s->lock);
+    s->lock.unlock();
     return ret;
 }
 
@@ -661,7 +672,7 @@ static bool played_position(RuvoAudioSink* self, GstFormat format, gint64* posit
     RuvoAudioSinkState* s = self->s;
     if (format != GST_FORMAT_TIME)
         return false;
-    g_mutex_lock(&s->lock);
+    s->lock.lock();
     bool have = s->out != nullptr && s->stream_started;
     GstClockTime running = GST_CLOCK_TIME_NONE;
     if (have) {
@@ -672,7 +683,7 @@ static bool played_position(RuvoAudioSink* self, GstFormat format, gint64* posit
             std::min(std::max(heard_now_locked(s), s->timeline.start_ns()), s->timeline.end_ns());
         running = s->running_origin + (heard - s->timeline.start_ns());
     }
-    g_mutex_unlock(&s->lock);
+    s->lock.unlock();
     if (!have)
         return false;
     GstBaseSink* bsink = GST_BASE_SINK(self);
@@ -694,9 +705,9 @@ static gboolean answer_query(RuvoAudioSink* self, GstQuery* query,
     *handled = true;
     switch (GST_QUERY_TYPE(query)) {
         case GST_QUERY_POSITION: {
-            g_mutex_lock(&s->lock);
+            s->lock.lock();
             const bool flushing = s->flushing;
-            g_mutex_unlock(&s->lock);
+            s->lock.unlock();
             if (flushing)
                 return FALSE;
             GstFormat format;
@@ -715,11 +726,11 @@ static gboolean answer_query(RuvoAudioSink* self, GstQuery* query,
             gboolean live = FALSE;
             GstClockTime min = 0, max = GST_CLOCK_TIME_NONE;
             gst_query_parse_latency(query, &live, &min, &max);
-            g_mutex_lock(&s->lock);
+            s->lock.lock();
             GstClockTime delay = 0;
             if (s->have_report && !s->timeline.empty())
                 delay = s->timeline.end_ns() - std::min(s->timeline.end_ns(), heard_now_locked(s));
-            g_mutex_unlock(&s->lock);
+            s->lock.unlock();
             gst_query_set_latency(query, live, min + delay, GST_CLOCK_TIME_IS_VALID(max) ? max + delay : max);
             return TRUE;
         }
@@ -752,23 +763,23 @@ static gboolean ruvo_audio_sink_element_query(GstElement* element, GstQuery* que
 
 static gboolean ruvo_audio_sink_unlock(GstBaseSink* bsink) {
     RuvoAudioSinkState* s = RUVO_AUDIO_SINK(bsink)->s;
-    g_mutex_lock(&s->lock);
+    s->lock.lock();
     s->unlocked = true;
-    g_cond_broadcast(&s->cond);
-    g_mutex_unlock(&s->lock);
+    s->cond.notify_all();
+    s->lock.unlock();
     return TRUE;
 }
 
 static gboolean ruvo_audio_sink_unlock_stop(GstBaseSink* bsink) {
     RuvoAudioSinkState* s = RUVO_AUDIO_SINK(bsink)->s;
-    g_mutex_lock(&s->lock);
+    s->lock.lock();
     s->unlocked = false;
-    g_mutex_unlock(&s->lock);
+    s->lock.unlock();
     return TRUE;
 }
 
 static void set_paused(RuvoAudioSinkState* s, bool paused) {
-    g_mutex_lock(&s->lock);
+    s->lock.lock();
     if (paused && s->have_report)
         heard_now_locked(s);  // the clock stands where the decoder holds
     s->paused = paused;
@@ -778,8 +789,8 @@ static void set_paused(RuvoAudioSinkState* s, bool paused) {
         apply_speed_locked(s);
     if (!paused && s->have_report)
         s->report.wallclock_ns = monotonic_raw_ns();  // nothing played while paused
-    g_cond_broadcast(&s->cond);
-    g_mutex_unlock(&s->lock);
+    s->cond.notify_all();
+    s->lock.unlock();
 }
 
 static GstStateChangeReturn ruvo_audio_sink_change_state(GstElement* element, GstStateChange transition) {
@@ -787,9 +798,9 @@ static GstStateChangeReturn ruvo_audio_sink_change_state(GstElement* element, Gs
     RuvoAudioSinkState* s = self->s;
     switch (transition) {
         case GST_STATE_CHANGE_NULL_TO_READY: {
-            g_mutex_lock(&s->lock);
+            s->lock.lock();
             const bool opened = open_output_locked(self);
-            g_mutex_unlock(&s->lock);
+            s->lock.unlock();
             if (!opened)
                 return GST_STATE_CHANGE_FAILURE;
             break;
@@ -807,18 +818,18 @@ static GstStateChangeReturn ruvo_audio_sink_change_state(GstElement* element, Gs
         GST_ELEMENT_CLASS(ruvo_audio_sink_parent_class)->change_state(element, transition);
     switch (transition) {
         case GST_STATE_CHANGE_PAUSED_TO_READY:
-            g_mutex_lock(&s->lock);
+            s->lock.lock();
             stop_stream_locked(s);
             s->switch_pending = false;
             s->config = StreamConfig();
             s->rate = s->segment_rate = 1.0;
             s->errors_in_row = 0;
-            g_mutex_unlock(&s->lock);
+            s->lock.unlock();
             break;
         case GST_STATE_CHANGE_READY_TO_NULL:
-            g_mutex_lock(&s->lock);
+            s->lock.lock();
             close_output_locked(s);
-            g_mutex_unlock(&s->lock);
+            s->lock.unlock();
             break;
         default:
             break;
@@ -829,14 +840,14 @@ static GstStateChangeReturn ruvo_audio_sink_change_state(GstElement* element, Gs
 // ---- Properties ------------------------------------------------------------------------
 
 static GstStructure* stats_structure(RuvoAudioSinkState* s) {
-    g_mutex_lock(&s->lock);
+    s->lock.lock();
     if (s->out != nullptr && s->stream_started && report_is_stale_locked(s))
         poll_locked(s);
     const Stats st = s->stats;
     GstClockTime delay = 0;
     if (s->have_report && !s->timeline.empty())
         delay = s->timeline.end_ns() - std::min(s->timeline.end_ns(), heard_now_locked(s));
-    g_mutex_unlock(&s->lock);
+    s->lock.unlock();
     return gst_structure_new("application/x-ruvoaudiosink-stats", "bytes-pushed", G_TYPE_UINT64, st.bytes,
                              "blocks-pushed", G_TYPE_UINT64, st.blocks, "no-space", G_TYPE_UINT64,
                              st.no_space, "underruns", G_TYPE_UINT64, st.underruns, "delay", G_TYPE_UINT64,
@@ -847,7 +858,7 @@ static GstStructure* stats_structure(RuvoAudioSinkState* s) {
 
 static void ruvo_audio_sink_set_property(GObject* object, guint id, const GValue* value, GParamSpec* pspec) {
     RuvoAudioSinkState* s = RUVO_AUDIO_SINK(object)->s;
-    g_mutex_lock(&s->lock);
+    s->lock.lock();
     switch (id) {
         case PROP_DEVICE:
             s->device = g_value_get_string(value) != nullptr ? g_value_get_string(value)
@@ -875,7 +886,7 @@ static void ruvo_audio_sink_set_property(GObject* object, guint id, const GValue
             G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
             break;
     }
-    g_mutex_unlock(&s->lock);
+    s->lock.unlock();
 }
 
 static void ruvo_audio_sink_get_property(GObject* object, guint id, GValue* value, GParamSpec* pspec) {
@@ -884,7 +895,7 @@ static void ruvo_audio_sink_get_property(GObject* object, guint id, GValue* valu
         g_value_take_boxed(value, stats_structure(s));
         return;
     }
-    g_mutex_lock(&s->lock);
+    s->lock.lock();
     switch (id) {
         case PROP_DEVICE:
             g_value_set_string(value, s->device.c_str());
@@ -902,15 +913,13 @@ static void ruvo_audio_sink_get_property(GObject* object, guint id, GValue* valu
             G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
             break;
     }
-    g_mutex_unlock(&s->lock);
+    s->lock.unlock();
 }
 
 // ---- Type ------------------------------------------------------------------------------
 
 static void ruvo_audio_sink_init(RuvoAudioSink* self) {
     self->s = new RuvoAudioSinkState();
-    g_mutex_init(&self->s->lock);
-    g_cond_init(&self->s->cond);
     self->s->clock = gst_audio_clock_new("ruvoaudiosinkclock", clock_time, self, nullptr);
     GST_OBJECT_FLAG_SET(self, GST_ELEMENT_FLAG_PROVIDE_CLOCK);
     // The decoder paces the stream: blocks go to it as soon as it has room, not at their
@@ -923,8 +932,6 @@ static void ruvo_audio_sink_finalize(GObject* object) {
     gst_audio_clock_invalidate(GST_AUDIO_CLOCK(s->clock));
     gst_object_unref(s->clock);
     close_output_locked(s);
-    g_mutex_clear(&s->lock);
-    g_cond_clear(&s->cond);
     delete s;
     G_OBJECT_CLASS(ruvo_audio_sink_parent_class)->finalize(object);
 }
