@@ -3,6 +3,8 @@
 #include <errno.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include "gst_audio_fixture.h"
 #include "ruvo/driver/compress_ext.h"
 
@@ -343,4 +345,22 @@ TEST_F(GstAudioTest, the_element_provides_an_audio_clock) {
     EXPECT_TRUE(GST_IS_AUDIO_CLOCK(clock));
     EXPECT_TRUE(GST_OBJECT_FLAG_IS_SET(sink(), GST_ELEMENT_FLAG_PROVIDE_CLOCK));
     gst_object_unref(clock);
+}
+
+TEST_F(GstAudioTest, null_to_playing_and_back_two_hundred_times_leaves_no_descriptor) {
+    start_with_caps();
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(push(400), GST_FLOW_OK) << i;
+        ASSERT_EQ(gst_element_set_state(sink(), GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
+        ASSERT_EQ(tv().open_descriptors(), 0) << i;
+        gst_harness_play(h_);
+        gst_harness_set_src_caps_str(h_, gst_audio_test::kAdtsCaps);
+    }
+    EXPECT_EQ(tv().count("SNDRV_COMPRESS_START"), 200u);
+    auto compr = tv().events(emutv::Device::Compr);
+    EXPECT_EQ(
+        std::count_if(compr.begin(), compr.end(), [](const emutv::Event& e) { return e.name == "open"; }),
+        200);
+    EXPECT_EQ(count_messages(GST_MESSAGE_ERROR), 0u);
+    lines();
 }
