@@ -1,5 +1,5 @@
 // ruvoaudiosink in whole pipelines on the scripted device, with a stand-in for the decoder
-// that takes the bytes written at a steady byte rate: AAC from GStreamer's encoder through
+// that takes the blocks written at a steady byte rate: AAC from GStreamer's encoder through
 // aacparse plays to EOS, and the pipeline runs on the element's clock.
 #include "gst_audio_fixture.h"
 
@@ -32,9 +32,15 @@ class Pipeline : public GstAudioTest {
                     const uint64_t budget = static_cast<uint64_t>(s * static_cast<double>(bytes_per_second));
                     if (!c.running)
                         return;
-                    const uint32_t taken = static_cast<uint32_t>(std::min<uint64_t>(c.bytes_written, budget));
+                    // Whole blocks, as a decoder takes whole frames.
+                    uint64_t taken = 0;
+                    for (size_t n : c.write_sizes) {
+                        if (taken + n > budget)
+                            break;
+                        taken += n;
+                    }
                     c.avail += taken - c.copied_total;
-                    c.copied_total = taken;
+                    c.copied_total = static_cast<uint32_t>(taken);
                 });
             }
         });
