@@ -296,7 +296,7 @@ TEST_F(Flow, after_eos_the_clock_runs_on_as_silence_plays_and_stands_while_pause
     EXPECT_GE(t0, 3 * kFrame);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     const GstClockTime t1 = clock_time();
-    EXPECT_GE(t1 - t0, 100 * GST_MSECOND);
+    EXPECT_GE(t1 - t0, 90 * GST_MSECOND);  // CLOCK_MONOTONIC_RAW against the sleep's clock
     set_state(GST_STATE_PAUSED);
     const GstClockTime t2 = clock_time();
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -304,7 +304,7 @@ TEST_F(Flow, after_eos_the_clock_runs_on_as_silence_plays_and_stands_while_pause
     set_state(GST_STATE_PLAYING);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     const GstClockTime t3 = clock_time();
-    EXPECT_GE(t3 - t2, 50 * GST_MSECOND);
+    EXPECT_GE(t3 - t2, 45 * GST_MSECOND);
     EXPECT_LT(t3 - t2, 10 * GST_SECOND);  // on from where it stood, no jump
 }
 

@@ -82,15 +82,18 @@ TEST_F(Pipeline, encoded_aac_plays_to_eos_on_the_element_clock_beside_a_video_br
     gint64 last = 0;
     bool monotonic = true;
     GstMessage* end = nullptr;
-    while ((end = gst_bus_timed_pop_filtered(
-                bus, 100 * GST_MSECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR))) ==
-           nullptr) {
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (std::chrono::steady_clock::now() < give_up &&
+           ((end = gst_bus_timed_pop_filtered(
+                 bus, 100 * GST_MSECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR))) ==
+            nullptr)) {
         gint64 position = 0;
         if (gst_element_query_position(audio, GST_FORMAT_TIME, &position)) {
             monotonic = monotonic && position >= last;
             last = position;
         }
     }
+    ASSERT_NE(end, nullptr) << "no EOS within 60 s";
     EXPECT_EQ(GST_MESSAGE_TYPE(end), GST_MESSAGE_EOS);
     gst_message_unref(end);
     EXPECT_TRUE(monotonic);
