@@ -364,3 +364,14 @@ TEST_F(GstAudioTest, null_to_playing_and_back_two_hundred_times_leaves_no_descri
     EXPECT_EQ(count_messages(GST_MESSAGE_ERROR), 0u);
     lines();
 }
+
+TEST_F(GstAudioTest, a_playback_report_that_keeps_failing_is_an_error_after_the_documented_number) {
+    start_with_caps();
+    tv().fail("SNDRV_COMPRESS_TSTAMP", EIO, -1);
+    EXPECT_EQ(push(400), GST_FLOW_ERROR);
+    EXPECT_EQ(tv().count("SNDRV_COMPRESS_TSTAMP"), static_cast<size_t>(RUVO_AUDIO_SINK_ERRORS_IN_A_ROW));
+    EXPECT_EQ(tv().count("write"), 0u);
+    EXPECT_EQ(count_messages(GST_MESSAGE_WARNING), static_cast<size_t>(RUVO_AUDIO_SINK_ERRORS_IN_A_ROW - 1));
+    EXPECT_EQ(count_messages(GST_MESSAGE_ERROR), 1u);
+    lines();
+}
