@@ -1,6 +1,10 @@
 // ruvoaudiosink in whole pipelines on the scripted device, with a stand-in for the decoder
 // that takes the blocks written at a steady byte rate: AAC from GStreamer's encoder through
 // aacparse plays to EOS, and the pipeline runs on the element's clock.
+#include <glib/gstdio.h>
+
+#include <algorithm>
+
 #include "gst_audio_fixture.h"
 
 using gst_audio_test::GstAudioTest;
@@ -108,4 +112,68 @@ TEST_F(Pipeline, encoded_aac_plays_to_eos_on_the_element_clock_beside_a_video_br
     gst_object_unref(provided);
     gst_object_unref(bus);
     gst_object_unref(audio);
+}
+
+namespace {
+
+bool has_element_of(GstBin* bin, const char* factory_name) {
+    GstIterator* it = gst_bin_iterate_recurse(bin);
+    GValue item = G_VALUE_INIT;
+    bool found = false;
+    while (!found && gst_iterator_next(it, &item) == GST_ITERATOR_OK) {
+        GstElementFactory* f = gst_element_get_factory(GST_ELEMENT(g_value_get_object(&item)));
+        found = f != nullptr && g_strcmp0(GST_OBJECT_NAME(f), factory_name) == 0;
+        g_value_reset(&item);
+    }
+    g_value_unset(&item);
+    gst_iterator_free(it);
+    return found;
+}
+
+}  // namespace
+
+TEST_F(Pipeline, playbin_hands_parsed_aac_to_the_element_and_its_volume_to_the_gain_controls) {
+    char dir[] = "/tmp/ruvoaudiosink-playbin.XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string clip = std::string(dir) + "/clip.mp4";
+    GstElement* encode = gst_parse_launch(("audiotestsrc num-buffers=50 samplesperbuffer=960 ! "
+                                           "audio/x-raw,rate=48000,channels=2 ! avenc_aac ! mp4mux ! "
+                                           "filesink location=" +
+                                           clip)
+                                              .c_str(),
+                                          nullptr);
+    ASSERT_NE(encode, nullptr);
+    gst_element_set_state(encode, GST_STATE_PLAYING);
+    GstBus* ebus = gst_element_get_bus(encode);
+    GstMessage* done = gst_bus_timed_pop_filtered(
+        ebus, 60 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+    ASSERT_NE(done, nullptr);
+    EXPECT_EQ(GST_MESSAGE_TYPE(done), GST_MESSAGE_EOS);
+    gst_message_unref(done);
+    gst_object_unref(ebus);
+    gst_element_set_state(encode, GST_STATE_NULL);
+    gst_object_unref(encode);
+
+    pipeline_ = gst_element_factory_make("playbin", nullptr);
+    ASSERT_NE(pipeline_, nullptr);
+    GstElement* audio = gst_element_factory_make("ruvoaudiosink", nullptr);
+    g_object_set(audio, "device", gst_audio_test::kDevice, nullptr);
+    gchar* uri = gst_filename_to_uri(clip.c_str(), nullptr);
+    g_object_set(pipeline_, "uri", uri, "audio-sink", audio, "video-sink",
+                 gst_element_factory_make("fakesink", nullptr), "volume", 0.5, nullptr);
+    g_free(uri);
+    control_writes();
+    ASSERT_EQ(gst_element_set_state(pipeline_, GST_STATE_PAUSED), GST_STATE_CHANGE_ASYNC);
+    ASSERT_EQ(gst_element_get_state(pipeline_, nullptr, nullptr, 30 * GST_SECOND), GST_STATE_CHANGE_SUCCESS);
+    // Parsed AAC reached the element (no decoder in between), set up as the clip is.
+    EXPECT_FALSE(has_element_of(GST_BIN(pipeline_), "avdec_aac"));
+    EXPECT_FALSE(has_element_of(GST_BIN(pipeline_), "volume"));
+    EXPECT_EQ(tv().count("SNDRV_COMPRESS_SET_PARAMS"), 1u);
+    const auto writes = control_writes();
+    EXPECT_NE(
+        std::find(writes.begin(), writes.end(), std::make_pair(std::string("qvl speaker main gain"), 16384L)),
+        writes.end());
+    gst_element_set_state(pipeline_, GST_STATE_NULL);
+    g_unlink(clip.c_str());
+    g_rmdir(dir);
 }
