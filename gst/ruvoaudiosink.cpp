@@ -780,13 +780,14 @@ static gboolean ruvo_audio_sink_unlock_stop(GstBaseSink* bsink) {
 
 static void set_paused(RuvoAudioSinkState* s, bool paused) {
     s->lock.lock();
-    if (paused && s->have_report)
-        heard_now_locked(s);  // the clock stands where the decoder holds
     s->paused = paused;
     if (!paused && s->drained)
         start_idle_clock_locked(s);
     if (s->out != nullptr)
         apply_speed_locked(s);
+    // The clock stands where the decoder holds: read once it holds.
+    if (paused && s->out != nullptr && s->stream_started && !s->drained && poll_locked(s))
+        heard_now_locked(s);
     if (!paused && s->have_report)
         s->report.wallclock_ns = monotonic_raw_ns();  // nothing played while paused
     s->cond.notify_all();

@@ -118,7 +118,7 @@ stage_tsan() {
     log=$(mktemp)
     echo "== ThreadSanitizer: concurrency tests (x86-64) =="
     if ! { cmake --preset tsan > /dev/null &&
-           cmake --build build/tsan -j "$jobs" --target concurrency_test video_present_stress_test; }; then
+           cmake --build build/tsan -j "$jobs" --target concurrency_test video_present_stress_test gst_video_stress_test; }; then
         record tsan 1 "$start" "build failed"
         return
     fi

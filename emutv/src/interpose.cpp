@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "core.h"
+#include "timeline_internal.h"
 
 using emutv::Device;
 using emutv::Event;
@@ -118,6 +119,7 @@ long emulated_ioctl(int fd, unsigned long req, void* arg) {
     Inside inside;
     auto& c = core();
     std::lock_guard<std::recursive_mutex> g(c.mu);
+    emutv::detail::timeline_sync();
     auto it = c.files.find(fd);
     if (it == c.files.end() || it->second.model == nullptr) {
         errno = ENOTTY;
@@ -164,6 +166,7 @@ long emulated_write(int fd, const void* buf, size_t n) {
     Inside inside;
     auto& c = core();
     std::lock_guard<std::recursive_mutex> g(c.mu);
+    emutv::detail::timeline_sync();
     auto it = c.files.find(fd);
     if (it == c.files.end() || it->second.model == nullptr) {
         errno = EBADF;

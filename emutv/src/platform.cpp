@@ -13,6 +13,7 @@
 #include <stdexcept>
 
 #include "core.h"
+#include "timeline_internal.h"
 
 namespace emutv {
 namespace detail {
@@ -182,6 +183,7 @@ void Core::record(Event&& ev) {
     counts[ev.name]++;
     if (ev.kind == Kind::Ioctl || ev.kind == Kind::Write)
         total++;
+    timeline_observe(ev);
     if (listener)
         listener(ev);
     if (recording)
@@ -306,6 +308,7 @@ void Platform::reset() {
     c.decoder->reset();
     c.sound->reset();
     c.compr->reset();
+    detail::timeline_reset();
     detail::remove_tree(c.sandbox);
     detail::make_dirs(c.sandbox);
 }

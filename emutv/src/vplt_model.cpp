@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "core.h"
+#include "timeline_internal.h"
 #include "ruvo/driver/v4l2_drm.h"
 #include "ruvo/driver/vplt_ioctl.h"
 
@@ -44,6 +45,11 @@ void capture(const ST_VPLT_IOC_CMD& c, Event& ev) {
         auto* p = static_cast<const uint8_t*>(c.ret);
         ev.args[7].assign(p, p + 4);
     }
+}
+
+// In real time the vsync offset and the frames in use come from the clock.
+bool real_time() {
+    return detail::timeline().mode == ClockMode::Real;
 }
 
 template <typename T>
@@ -135,19 +141,27 @@ long VpltModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
             break;
         case EN_VPLT_IOC_FR2IP_GetOffsetFromVsync: {
             vplt_vsync_offset o{offset_sec, offset_nsec};
+            if (real_time())
+                detail::vsync_offset_now(&o.tv_sec, &o.tv_nsec);
             if (c.arg2)
                 memcpy(c.arg2, &o, sizeof(o));
-            f["tv_sec"] = offset_sec;
-            f["tv_nsec"] = offset_nsec;
+            f["tv_sec"] = o.tv_sec;
+            f["tv_nsec"] = o.tv_nsec;
             ret = offset_ret;
             break;
         }
-        case EN_VPLT_IOC_FR2IP_GetDirectlyFrames:
+        case EN_VPLT_IOC_FR2IP_GetDirectlyFrames: {
+            int32_t used[2] = {frames[0], frames[1]};
+            if (real_time()) {
+                used[0] = detail::frames_not_latched();
+                used[1] = 0;
+            }
             if (c.arg2)
-                memcpy(c.arg2, frames, sizeof(frames));
-            f["frames0"] = frames[0];
-            f["frames1"] = frames[1];
+                memcpy(c.arg2, used, sizeof(used));
+            f["frames0"] = used[0];
+            f["frames1"] = used[1];
             break;
+        }
         case EN_VPLT_IOC_FR2IP_SetPTS: {
             int32_t h = read_arg<int32_t>(c.arg2), l = read_arg<int32_t>(c.arg3);
             f["pts_h"] = static_cast<uint32_t>(h);

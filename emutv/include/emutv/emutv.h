@@ -54,6 +54,16 @@ struct Event {
 // One line: "DRM /dev/dri/card0 DRM_IOCTL_MODE_SETPLANE plane_id=31 ... -> 0".
 std::string describe(const Event& e);
 
+struct TimelineEntry;
+
+// How the platform keeps time. Virtual: the program sets the time (the session player's
+// virtual clock); the video platform answers what the test scripted. Real:
+// CLOCK_MONOTONIC; vsync ticks at the panel rate (VpltModel::vsync_hz), the vsync
+// offset and decoder-usage answers come from that clock, and the audio decoder model
+// plays in real time. Programs linked with the emulator start in Virtual; a process
+// that loaded it with LD_PRELOAD starts in Real unless RUVO_EMUTV_CLOCK=virtual.
+enum class ClockMode { Virtual, Real };
+
 class DeviceModel;
 class DrmModel;
 class VpltModel;
@@ -130,6 +140,26 @@ public:
     DecoderModel& decoder();
     SoundCardModel& sound();
     ComprModel& compr();
+
+    // The clock. The vsync grid starts at the call (and at reset(), which also sets the
+    // virtual time back to zero and drops the timeline listener).
+    void set_clock_mode(ClockMode mode);
+    ClockMode clock_mode() const;
+    // Virtual time in nanoseconds (ignored in Real mode); it only goes forward.
+    void set_virtual_time_ns(int64_t t_ns);
+    // The platform clock now: CLOCK_MONOTONIC in Real mode, the virtual time otherwise.
+    int64_t now_ns() const;
+
+    // The timeline (see emutv/timeline.h). Vsyncs and decoder periods are produced when
+    // a request comes, when the virtual time is set and on sync_timeline(), all up to
+    // the clock's now; each entry goes to the listener and to the log file. In virtual
+    // time the plane is followed only while a listener or a log is set.
+    void sync_timeline();
+    void set_timeline_listener(std::function<void(const TimelineEntry&)> listener);
+    // Starts writing the log to `path` (truncated). False, with the reason, when it
+    // cannot be written.
+    bool open_timeline_log(const std::string& path, std::string* error);
+    void close_timeline_log();
 
     // For device models: run `fn` with the platform lock held.
     std::recursive_mutex& mutex() const;

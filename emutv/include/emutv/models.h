@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "emutv/audio_decoder.h"
 #include "emutv/emutv.h"
 
 namespace emutv {
@@ -110,6 +111,10 @@ class DrmModel : public DeviceModel {
 class VpltModel : public DeviceModel {
   public:
     // Answers (defaults after reset: 59940 mHz, offset 0 s 1000000 ns, frames 2 and 1).
+    // `vsync_hz` is also the panel refresh: in Real clock mode vsync ticks at it, the
+    // offset answer is the time since the last vsync, and the frames in use are the
+    // frames announced (source requests with a picture) and not yet latched by a vsync
+    // on decoder 0, none on decoder 1; the offset and frames fields are not used then.
     int32_t vsync_hz = 59940;
     int32_t vsync_hz_ret = 0;
     int32_t offset_sec = 0;
@@ -213,6 +218,18 @@ class ComprModel : public DeviceModel {
     uint32_t sampling_rate = 48000;  // snd_compr_tstamp.sampling_rate
     uint64_t remain = 0;             // GET_METADATA(GET_REMAINSIZE) value[0..1]
     bool consume_on_write = false;   // each write lowers `avail` by its size
+
+    // Who answers AVAIL, TSTAMP and the remain size: the scripted values above (the
+    // default in Virtual clock mode) or the decoder model (emutv/audio_decoder.h; the
+    // default in Real mode). The model's ring is `ring_bytes` (0: min_fragment_size x
+    // max_fragments) and its own buffer `dsp_bytes` (-1: two min_fragment_size), both
+    // read at every request.
+    enum class Answers { Scripted, Modelled };
+    Answers answers = Answers::Scripted;
+    AudioDecoder::Pacing pacing = AudioDecoder::Pacing::Parsed;
+    uint64_t ring_bytes = 0;
+    int64_t dsp_bytes = -1;
+    AudioDecoder decoder;
 
     // State.
     bool running = false;
