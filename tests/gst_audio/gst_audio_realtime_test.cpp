@@ -227,12 +227,13 @@ TEST_F(RealTime, a_pause_holds_the_decoder_and_the_clock_and_resume_goes_on_with
 TEST_F(RealTime, with_both_sinks_in_one_playbin_the_pipeline_runs_on_the_audio_clock) {
     ASSERT_TRUE(ruvo_video_sink_register(nullptr));
     const std::string clip = dir_ + "/av.mp4";
-    ASSERT_TRUE(run_to_eos("mp4mux name=m ! filesink location=" + clip +
-                               " audiotestsrc num-buffers=200 samplesperbuffer=480 ! "
-                               "audio/x-raw,rate=48000,channels=2 ! avenc_aac ! m. "
-                               "videotestsrc num-buffers=50 ! video/x-raw,width=320,height=240,framerate=25/1 ! "
-                               "x264enc tune=zerolatency ! m.",
-                           60 * GST_SECOND));
+    ASSERT_TRUE(
+        run_to_eos("mp4mux name=m ! filesink location=" + clip +
+                       " audiotestsrc num-buffers=200 samplesperbuffer=480 ! "
+                       "audio/x-raw,rate=48000,channels=2 ! avenc_aac ! m. "
+                       "videotestsrc num-buffers=50 ! video/x-raw,width=320,height=240,framerate=25/1 ! "
+                       "x264enc tune=zerolatency ! m.",
+                   60 * GST_SECOND));
     real_time();
     pipeline_ = gst_element_factory_make("playbin", nullptr);
     ASSERT_NE(pipeline_, nullptr);
@@ -246,8 +247,8 @@ TEST_F(RealTime, with_both_sinks_in_one_playbin_the_pipeline_runs_on_the_audio_c
     GstClock* provided = gst_element_provide_clock(audio);
     gst_element_set_state(pipeline_, GST_STATE_PLAYING);
     GstBus* bus = gst_element_get_bus(pipeline_);
-    GstMessage* m =
-        gst_bus_timed_pop_filtered(bus, 30 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+    GstMessage* m = gst_bus_timed_pop_filtered(
+        bus, 30 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
     ASSERT_NE(m, nullptr);
     EXPECT_EQ(GST_MESSAGE_TYPE(m), GST_MESSAGE_EOS);
     gst_message_unref(m);
