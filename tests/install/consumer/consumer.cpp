@@ -19,8 +19,8 @@ int main() {
     quarvel_video_output_get_panel_size(video, &width, &height);
     printf("consumer: panel %dx%d\n", width, height);
 
-    const quarvel_video_output_rect_t window = {0, 0, static_cast<uint32_t>(width) / 2,
-                                                static_cast<uint32_t>(height) / 2, 16, 9};
+    const quarvel_video_output_rect_t window = {
+        0, 0, static_cast<uint32_t>(width) / 2, static_cast<uint32_t>(height) / 2, 16, 9};
     printf("consumer: set_rect -> %d\n", quarvel_video_output_set_rect(video, &window));
     quarvel_video_output_close(video);
     printf("consumer: closed\n");
