@@ -62,12 +62,15 @@
 #include "ruvo/quarvel_video_output.h"
 #include "ruvo/ruvo_debug.h"
 #include "ruvo_kit/alloc_interposer.h"
+#include "ruvo_kit/bare_requests.h"
 #include "ruvo_kit/frame_descriptor.h"
 #include "ruvo_log.h"
 
 // Allocation counting (--counts): the kit's call-site counting, ruvo_kit/alloc_interposer.h.
 
 namespace {
+
+using ruvo_kit::bare_vplt;
 
 // ---- The session ------------------------------------------------------------------------------
 
@@ -139,17 +142,6 @@ uint64_t user_ptr(T* p) {
 
 uint32_t capped(uint32_t n, uint32_t cap) {
     return n < cap ? n : cap;
-}
-
-int bare_vplt(int fd, int32_t command, void* arg1, void* arg2, void* arg3, int32_t* ret) {
-    ST_VPLT_IOC_CMD cmd;
-    memset(&cmd, 0, sizeof(cmd));
-    cmd.enCmd = command;
-    cmd.arg1 = arg1;
-    cmd.arg2 = arg2;
-    cmd.arg3 = arg3;
-    cmd.ret = ret;
-    return ioctl(fd, VPLT_IOC_CMD, &cmd);
 }
 
 struct BareVideo {

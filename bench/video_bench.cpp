@@ -16,10 +16,13 @@
 #include "ruvo/driver/sdp_drm.h"
 #include "ruvo/driver/vplt_ioctl.h"
 #include "ruvo/quarvel_video_output.h"
+#include "ruvo_kit/bare_requests.h"
 #include "ruvo_kit/frame_descriptor.h"
 #include "ruvo_log.h"
 
 namespace {
+
+using ruvo_kit::bare_vplt;
 
 struct Session {
     quarvel_video_output_s* output = nullptr;
@@ -56,18 +59,6 @@ void end_session() {
     if (g_session.output != nullptr)
         quarvel_video_output_close(g_session.output);
     g_session.output = nullptr;
-}
-
-// One video-platform command, filled by hand.
-int bare_vplt(int fd, int32_t command, void* arg1, void* arg2, void* arg3, int32_t* ret) {
-    ST_VPLT_IOC_CMD cmd;
-    memset(&cmd, 0, sizeof(cmd));
-    cmd.enCmd = command;
-    cmd.arg1 = arg1;
-    cmd.arg2 = arg2;
-    cmd.arg3 = arg3;
-    cmd.ret = ret;
-    return ioctl(fd, VPLT_IOC_CMD, &cmd);
 }
 
 // ---- Per frame ------------------------------------------------------------------------------
