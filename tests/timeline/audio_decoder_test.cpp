@@ -9,7 +9,7 @@
 #include "emutv/audio_decoder.h"
 #include "emutv/timeline.h"
 #include "ruvo/quarvel_audio_output.h"
-#include "ruvo_internal.h"
+#include "ruvo_internal_audio.h"
 #include "stream_builders.h"
 #include "test_support.h"
 
