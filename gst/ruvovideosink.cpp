@@ -377,7 +377,7 @@ GstFlowReturn show_buffer(RuvoVideoSink* self, GstBuffer* buf, bool set_display_
     if (ret != GST_FLOW_OK) {
         return ret;
     }
-    const GstClockTime stream_time = stream_time_of(GST_BASE_SINK(self), buf);
+    const GstClockTime stream_time = stream_time_of(GST_BASE_SINK_CAST(self), buf);
     s.frame.v4l2_frame = &s.desc;
     bool latched_now = false;
     const char* call = nullptr;
@@ -552,7 +552,8 @@ GstFlowReturn sink_preroll(GstBaseSink* bsink, GstBuffer* buf) {
 }
 
 GstFlowReturn sink_render(GstBaseSink* bsink, GstBuffer* buf) {
-    RuvoVideoSink* self = RUVO_VIDEO_SINK(bsink);
+    // The base class only renders on its own instance: no type check per frame.
+    RuvoVideoSink* self = reinterpret_cast<RuvoVideoSink*>(bsink);
     SinkState& s = *self->s;
     if (buf == s.prerolled) {
         // The preroll frame is already on the plane; now is its time.
