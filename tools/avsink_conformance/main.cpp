@@ -38,6 +38,7 @@ const char kUsage[] =
     "  --audio-sink NAME    audio sink element (default ruvoaudiosink)\n"
     "  --no-fake-baseline   do not play each scenario again with the fake sinks (no CPU ratio)\n"
     "  --quiet              no progress lines\n"
+    "  --check              check the scenario files only\n"
     "\n"
     "Exit status: 0 every goal met; 1 a run failed or a figure missed its goal (listed in the\n"
     "report and on standard error); 2 bad command line or scenario.\n\n";
@@ -51,6 +52,7 @@ struct Options {
     bool fake_baseline = true;
     std::string run_one, samples;  // internal: play one scenario in this process
     bool make_media = false;
+    bool check = false;
     std::vector<std::string> scenarios;
 };
 
@@ -91,6 +93,8 @@ bool parse_args(int argc, char** argv, Options* o, int* status) {
             o->fake_baseline = false;
         } else if (a == "--quiet") {
             o->run.quiet = true;
+        } else if (a == "--check") {
+            o->check = true;
         } else if (a == "--make-media") {
             o->make_media = true;
         } else if (a == "--run-one") {
@@ -165,9 +169,13 @@ int conform(const char* self, const Options& o) {
     for (const std::string& p : o.scenarios) {
         Scenario s;
         std::string error;
-        if (!parse_scenario(p, &s, &error)) return usage_error(error);
+        if (!parse_scenario(p, &s, &error)) {
+            fprintf(stderr, "%s\n", error.c_str());
+            return 2;
+        }
         scenarios.push_back(s);
     }
+    if (o.check) return 0;
     mkdir("out", 0755);
     mkdir(o.out.c_str(), 0755);
     int status = 0;

@@ -64,7 +64,8 @@ bool fill_step(const Command& c, const std::vector<std::string>& a, Step* s, std
     double v = 0;
     if (c.op == Op::Goal) {
         if (!known_goal(a[0])) return *why = "unknown goal '" + a[0] + "'", false;
-        if (!number(a[1], &v) || v < 0) return *why = "a goal limit is a number >= 0", false;
+        if (!number(a[1], &v) || (v < 0 && v != -1))
+            return *why = "a goal limit is a number >= 0, or -1 (not judged)", false;
         s->name = a[0];
         s->value = v;
         return true;
@@ -178,7 +179,7 @@ const char* scenario_grammar() {
            "  eos                      wait for the end of the stream\n"
            "  goal NAME LIMIT          override a goal: av-p99-ms av-max-ms position-ahead-ms\n"
            "                           seek-landing-ms first-frame-vsyncs dropped cpu-ratio\n"
-           "                           rss-growth-kib fd-growth bus-errors\n";
+           "                           rss-growth-kib fd-growth bus-errors (-1: not judged)\n";
 }
 
 }  // namespace conformance
