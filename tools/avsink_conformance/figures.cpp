@@ -95,18 +95,20 @@ bool read_timeline(const std::string& path, Timeline* out, std::string* error) {
         if (type == "vsync") {
             VsyncEntry e;
             e.t_ns = static_cast<int64_t>(num("t_ns"));
-            e.index = static_cast<long>(num("index", -1));
+            e.index = static_cast<long>(num("frame", -1));
             e.pts_ns = j.count("pts") && j["pts"] != "null" ? static_cast<int64_t>(num("pts") * 1e9 / 90000) : -1;
             e.muted = j["muted"] == "true";
-            e.latched = j["latched"] == "true";
+            e.latched = j["new"] == "true";
             tl.vsyncs.push_back(e);
         } else if (type == "audio") {
             AudioEntry e;
             e.t_ns = static_cast<int64_t>(num("t_ns"));
-            e.media_ns = static_cast<int64_t>(num("media_ns"));
-            e.start_ns = static_cast<int64_t>(num("start_ns"));
+            e.media_ns = static_cast<int64_t>(num("media_us")) * 1000;
             e.rate_percent = static_cast<int>(num("rate", 100));
-            e.playing = j["playing"] != "false";
+            e.playing = num("played") > 0;
+            // The decoder's media time starts again at every stream start.
+            bool restarted = tl.audio.empty() || e.media_ns < tl.audio.back().media_ns;
+            e.start_ns = restarted ? e.t_ns : tl.audio.back().start_ns;
             tl.audio.push_back(e);
         }
     }
