@@ -21,10 +21,10 @@ struct Step {
     double value = 0;  // milliseconds, a rate or a count, by op
     int count = 0;
     uint32_t seed = 1;
-    double hz = 50;         // rect-storm: moves a second
-    double every_ms = 1500; // seeks: time between seeks
-    double hold_ms = 2000;  // rate: time played at the rate
-    std::string name;       // goal name
+    double hz = 50;          // rect-storm: moves a second
+    double every_ms = 1500;  // seeks: time between seeks
+    double hold_ms = 2000;   // rate: time played at the rate
+    std::string name;        // goal name
 };
 
 struct Scenario {
@@ -62,7 +62,7 @@ struct PositionSample {
 };
 
 struct SeekSample {
-    int64_t mono_ns = 0;   // when the seek returned
+    int64_t mono_ns = 0;  // when the seek returned
     int64_t target_ns = 0;
     double rate = 1.0;
 };
@@ -87,11 +87,11 @@ struct RunResult {
     std::vector<PositionSample> positions;
     std::vector<SeekSample> seeks;
     std::vector<ResourceSample> resources;
-    int64_t play_mono_ns = -1;         // PLAYING asked from prerolled PAUSED
+    int64_t play_mono_ns = -1;            // PLAYING asked from prerolled PAUSED
     std::vector<int64_t> resume_mono_ns;  // every return to PLAYING after a pause or seek
-    uint64_t frames_rendered = 0;      // the video sink's own count (base sink stats)
+    uint64_t frames_rendered = 0;         // the video sink's own count (base sink stats)
     uint64_t frames_dropped = 0;
-    double cpu_seconds = 0;            // process CPU over the run
+    double cpu_seconds = 0;  // process CPU over the run
     double wall_seconds = 0;
     // (CLOCK_MONOTONIC, PTS) of the first audio buffer after the start and after each flush:
     // where the decoder's own media time begins.
@@ -107,8 +107,8 @@ bool read_samples(const std::string& path, RunResult* out);
 // ---- The emulated TV's timeline --------------------------------------------------------------
 
 struct VsyncEntry {
-    int64_t t_ns = 0;   // CLOCK_MONOTONIC of the vsync
-    long index = -1;    // display index of the frame on the main plane
+    int64_t t_ns = 0;     // CLOCK_MONOTONIC of the vsync
+    long index = -1;      // display index of the frame on the main plane
     int64_t pts_ns = -1;  // the timestamp last set for display, as nanoseconds
     bool muted = false;
     bool latched = false;  // a new frame was latched at this vsync
@@ -140,16 +140,16 @@ struct Figures {
     size_t av_samples = 0;
     double position_ahead_max_ms = 0;  // the largest lead of POSITION over the panel (0: never ahead)
     double position_error_p99_ms = 0;
-    double seek_landing_max_ms = 0;   // |first frame after a seek - target|
-    double first_frame_vsyncs = -1;   // PLAYING from prerolled PAUSED to the first latch
+    double seek_landing_max_ms = 0;  // |first frame after a seek - target|
+    double first_frame_vsyncs = -1;  // PLAYING from prerolled PAUSED to the first latch
     uint64_t dropped = 0, repeated = 0;
-    double cpu_ratio = 0;             // sinks / fake sinks, CPU per frame
+    double cpu_ratio = 0;  // sinks / fake sinks, CPU per frame
     long rss_growth_kib = 0;
     int fd_growth = 0;
     size_t bus_errors = 0;
-    std::vector<std::pair<double, double>> av_series;    // (s, ms)
-    std::vector<std::pair<double, double>> pacing;       // (s, frame interval in vsyncs)
-    std::vector<std::string> missed;                     // goals missed, one line each
+    std::vector<std::pair<double, double>> av_series;  // (s, ms)
+    std::vector<std::pair<double, double>> pacing;     // (s, frame interval in vsyncs)
+    std::vector<std::string> missed;                   // goals missed, one line each
 };
 
 Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& tl, const RunResult* fake);

@@ -17,7 +17,8 @@ std::map<std::string, std::string> json_fields(const std::string& line) {
     size_t i = 0;
     while ((i = line.find('"', i)) != std::string::npos) {
         size_t k_end = line.find('"', i + 1);
-        if (k_end == std::string::npos) break;
+        if (k_end == std::string::npos)
+            break;
         std::string key = line.substr(i + 1, k_end - i - 1);
         size_t colon = line.find_first_not_of(' ', k_end + 1);
         if (colon == std::string::npos || line[colon] != ':') {
@@ -25,7 +26,8 @@ std::map<std::string, std::string> json_fields(const std::string& line) {
             continue;
         }
         size_t v = line.find_first_not_of(' ', colon + 1);
-        if (v == std::string::npos) break;
+        if (v == std::string::npos)
+            break;
         size_t v_end;
         if (line[v] == '"') {
             v_end = line.find('"', v + 1);
@@ -45,7 +47,8 @@ std::map<std::string, std::string> json_fields(const std::string& line) {
 }
 
 double percentile(std::vector<double> v, double p) {
-    if (v.empty()) return 0;
+    if (v.empty())
+        return 0;
     std::sort(v.begin(), v.end());
     size_t i = static_cast<size_t>(ceil(p * v.size())) - 1;
     return v[std::min(i, v.size() - 1)];
@@ -55,7 +58,8 @@ double percentile(std::vector<double> v, double p) {
 const VsyncEntry* panel_at(const Timeline& tl, int64_t t) {
     auto it = std::upper_bound(tl.vsyncs.begin(), tl.vsyncs.end(), t,
                                [](int64_t x, const VsyncEntry& e) { return x < e.t_ns; });
-    if (it == tl.vsyncs.begin()) return nullptr;
+    if (it == tl.vsyncs.begin())
+        return nullptr;
     return &*(it - 1);
 }
 
@@ -64,20 +68,25 @@ const VsyncEntry* panel_at(const Timeline& tl, int64_t t) {
 bool audio_at(const Timeline& tl, const RunResult& r, int64_t t, int64_t* media) {
     auto it = std::upper_bound(tl.audio.begin(), tl.audio.end(), t,
                                [](int64_t x, const AudioEntry& e) { return x < e.t_ns; });
-    if (it == tl.audio.begin()) return false;
+    if (it == tl.audio.begin())
+        return false;
     const AudioEntry& a = *(it - 1);
-    if (!a.playing) return false;
+    if (!a.playing)
+        return false;
     int64_t base = 0;
     for (auto& b : r.audio_bases)
-        if (b.first <= a.start_ns + 200000000) base = b.second;
+        if (b.first <= a.start_ns + 200000000)
+            base = b.second;
     *media = base + a.media_ns + (a.rate_percent * (t - a.t_ns)) / 100;
     return true;
 }
 
 bool near_resume(const RunResult& r, int64_t t, int64_t window_ns) {
     for (int64_t x : r.resume_mono_ns)
-        if (t >= x && t < x + window_ns) return true;
-    if (r.play_mono_ns >= 0 && t >= r.play_mono_ns && t < r.play_mono_ns + window_ns) return true;
+        if (t >= x && t < x + window_ns)
+            return true;
+    if (r.play_mono_ns >= 0 && t >= r.play_mono_ns && t < r.play_mono_ns + window_ns)
+        return true;
     return false;
 }
 
@@ -85,18 +94,22 @@ bool near_resume(const RunResult& r, int64_t t, int64_t window_ns) {
 
 bool read_timeline(const std::string& path, Timeline* out, std::string* error) {
     std::ifstream f(path);
-    if (!f) return *error = path + ": cannot read the timeline", false;
+    if (!f)
+        return *error = path + ": cannot read the timeline", false;
     Timeline tl;
     std::string line;
     while (std::getline(f, line)) {
         auto j = json_fields(line);
-        auto num = [&](const char* k, double d = 0) { return j.count(k) ? strtod(j[k].c_str(), nullptr) : d; };
+        auto num = [&](const char* k, double d = 0) {
+            return j.count(k) ? strtod(j[k].c_str(), nullptr) : d;
+        };
         std::string type = j["type"];
         if (type == "vsync") {
             VsyncEntry e;
             e.t_ns = static_cast<int64_t>(num("t_ns"));
             e.index = static_cast<long>(num("frame", -1));
-            e.pts_ns = j.count("pts") && j["pts"] != "null" ? static_cast<int64_t>(num("pts") * 1e9 / 90000) : -1;
+            e.pts_ns =
+                j.count("pts") && j["pts"] != "null" ? static_cast<int64_t>(num("pts") * 1e9 / 90000) : -1;
             e.muted = j["muted"] == "true";
             e.latched = j["new"] == "true";
             tl.vsyncs.push_back(e);
@@ -112,7 +125,8 @@ bool read_timeline(const std::string& path, Timeline* out, std::string* error) {
             tl.audio.push_back(e);
         }
     }
-    if (tl.vsyncs.size() > 1) tl.vsync_period_ns = (tl.vsyncs.back().t_ns - tl.vsyncs.front().t_ns) / (tl.vsyncs.size() - 1);
+    if (tl.vsyncs.size() > 1)
+        tl.vsync_period_ns = (tl.vsyncs.back().t_ns - tl.vsyncs.front().t_ns) / (tl.vsyncs.size() - 1);
     *out = tl;
     return true;
 }
@@ -128,15 +142,18 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
     // A/V offset at each vsync in steady play.
     std::vector<double> offsets;
     for (const VsyncEntry& v : tl.vsyncs) {
-        if (v.pts_ns < 0 || v.muted || near_resume(r, v.t_ns, settle)) continue;
+        if (v.pts_ns < 0 || v.muted || near_resume(r, v.t_ns, settle))
+            continue;
         int64_t a = 0;
-        if (!audio_at(tl, r, v.t_ns, &a)) continue;
+        if (!audio_at(tl, r, v.t_ns, &a))
+            continue;
         double ms = (v.pts_ns - a) / 1e6;
         offsets.push_back(ms);
         f.av_series.push_back({(v.t_ns - t0) / 1e9, ms});
     }
     std::vector<double> abs_offsets;
-    for (double o : offsets) abs_offsets.push_back(fabs(o));
+    for (double o : offsets)
+        abs_offsets.push_back(fabs(o));
     f.av_samples = offsets.size();
     f.av_p50_ms = percentile(offsets, 0.5);
     f.av_p99_ms = percentile(abs_offsets, 0.99);
@@ -145,9 +162,11 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
     // POSITION against the panel.
     std::vector<double> errs;
     for (const PositionSample& p : r.positions) {
-        if (p.position_ns < 0) continue;
+        if (p.position_ns < 0)
+            continue;
         const VsyncEntry* v = panel_at(tl, p.mono_ns);
-        if (!v || v->pts_ns < 0 || near_resume(r, p.mono_ns, settle)) continue;
+        if (!v || v->pts_ns < 0 || near_resume(r, p.mono_ns, settle))
+            continue;
         double lead = (p.position_ns - v->pts_ns) / 1e6;
         f.position_ahead_max_ms = std::max(f.position_ahead_max_ms, lead);
         errs.push_back(fabs(lead));
@@ -177,8 +196,10 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
     int64_t since = 0;
     std::vector<int> held;
     for (const VsyncEntry& v : tl.vsyncs) {
-        if (v.index == last) continue;
-        if (last >= 0 && v.index > last + 1 && !near_resume(r, v.t_ns, settle)) f.dropped += v.index - last - 1;
+        if (v.index == last)
+            continue;
+        if (last >= 0 && v.index > last + 1 && !near_resume(r, v.t_ns, settle))
+            f.dropped += v.index - last - 1;
         if (last >= 0 && tl.vsync_period_ns > 0) {
             double n = static_cast<double>(v.t_ns - since) / tl.vsync_period_ns;
             f.pacing.push_back({(v.t_ns - t0) / 1e9, n});
@@ -193,7 +214,8 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
         std::sort(sorted.begin(), sorted.end());
         int usual = sorted[sorted.size() / 2];
         for (int n : held)
-            if (n > usual) f.repeated += n - usual;
+            if (n > usual)
+                f.repeated += n - usual;
     }
     f.dropped = std::max<uint64_t>(f.dropped, r.frames_dropped);
 
@@ -202,10 +224,12 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
 
     // Memory and descriptors across the storms.
     std::map<std::string, ResourceSample> at;
-    for (auto& x : r.resources) at[x.when] = x;
+    for (auto& x : r.resources)
+        at[x.when] = x;
     for (const char* storm : {"cycle", "storm"}) {
         std::string a = std::string(storm) + "-start", b = std::string(storm) + "-end";
-        if (!at.count(a) || !at.count(b)) continue;
+        if (!at.count(a) || !at.count(b))
+            continue;
         f.rss_growth_kib = std::max(f.rss_growth_kib, at[b].rss_kib - at[a].rss_kib);
         f.fd_growth = std::max(f.fd_growth, at[b].fds - at[a].fds);
     }
@@ -214,20 +238,24 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
 
 // The goals of a 50 Hz panel; a scenario may set its own.
 std::map<std::string, double> default_goals() {
-    return {{"av-p99-ms", 20},      {"av-max-ms", 40},  {"position-ahead-ms", 0}, {"seek-landing-ms", 40},
-            {"first-frame-vsyncs", 2}, {"dropped", 0}, {"cpu-ratio", 1.5},      {"rss-growth-kib", 1024},
-            {"fd-growth", 0},        {"bus-errors", 0}};
+    return {{"av-p99-ms", 20},         {"av-max-ms", 40}, {"position-ahead-ms", 0}, {"seek-landing-ms", 40},
+            {"first-frame-vsyncs", 2}, {"dropped", 0},    {"cpu-ratio", 1.5},       {"rss-growth-kib", 1024},
+            {"fd-growth", 0},          {"bus-errors", 0}};
 }
 
 void check_goals(const Scenario& s, Figures* f) {
     auto goals = default_goals();
-    for (auto& g : s.goals) goals[g.first] = g.second;
+    for (auto& g : s.goals)
+        goals[g.first] = g.second;
     auto check = [&](const char* name, double value, bool applies) {
-        if (!applies) return;
+        if (!applies)
+            return;
         double limit = goals[name];
-        if (limit < 0) return;  // a scenario that says -1 does not judge this figure
+        if (limit < 0)
+            return;  // a scenario that says -1 does not judge this figure
         if (value > limit + 1e-9)
-            f->missed.push_back(std::string(name) + " " + std::to_string(value) + " > " + std::to_string(limit));
+            f->missed.push_back(std::string(name) + " " + std::to_string(value) + " > " +
+                                std::to_string(limit));
     };
     check("av-p99-ms", f->av_p99_ms, f->av_samples > 0);
     check("av-max-ms", f->av_max_ms, f->av_samples > 0);

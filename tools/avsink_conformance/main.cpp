@@ -65,7 +65,8 @@ bool parse_args(int argc, char** argv, Options* o, int* status) {
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
         auto value = [&](std::string* dst) {
-            if (i + 1 >= argc) return false;
+            if (i + 1 >= argc)
+                return false;
             *dst = argv[++i];
             return true;
         };
@@ -123,7 +124,8 @@ bool parse_args(int argc, char** argv, Options* o, int* status) {
 int run_one(const Options& o) {
     Scenario s;
     std::string error;
-    if (!parse_scenario(o.run_one, &s, &error)) return usage_error(error);
+    if (!parse_scenario(o.run_one, &s, &error))
+        return usage_error(error);
     RunResult r = run_scenario(s, o.run);
     if (!write_samples(o.samples, r)) {
         fprintf(stderr, "avsink-conformance: %s: cannot write\n", o.samples.c_str());
@@ -133,15 +135,19 @@ int run_one(const Options& o) {
 }
 
 // Runs this program again on one scenario; with `emulated`, on the preloaded emulated TV.
-bool run_child(const char* self, const Options& o, const Scenario& s, bool emulated, const std::string& samples) {
+bool run_child(const char* self, const Options& o, const Scenario& s, bool emulated,
+               const std::string& samples) {
     std::string timeline = o.out + "/" + s.name + ".timeline.jsonl";
     std::string trace = o.out + "/" + s.name + ".trace";
-    std::vector<std::string> args = {self, "--run-one", s.path, "--samples", samples, "--media", o.run.media_dir};
-    if (o.run.quiet) args.push_back("--quiet");
+    std::vector<std::string> args = {self,    "--run-one", s.path,         "--samples",
+                                     samples, "--media",   o.run.media_dir};
+    if (o.run.quiet)
+        args.push_back("--quiet");
     args.insert(args.end(), {"--video-sink", emulated ? o.run.video_sink : "fakevideosink", "--audio-sink",
                              emulated ? o.run.audio_sink : "fakesink"});
     pid_t pid = fork();
-    if (pid < 0) return false;
+    if (pid < 0)
+        return false;
     if (pid == 0) {
         if (emulated) {
             setenv("LD_PRELOAD", o.emutv.c_str(), 1);
@@ -150,10 +156,12 @@ bool run_child(const char* self, const Options& o, const Scenario& s, bool emula
             setenv("RUVO_EMUTV_TRACE", trace.c_str(), 1);
         }
         std::string path = o.plugin_path;
-        if (const char* old = getenv("GST_PLUGIN_PATH")) path += std::string(":") + old;
+        if (const char* old = getenv("GST_PLUGIN_PATH"))
+            path += std::string(":") + old;
         setenv("GST_PLUGIN_PATH", path.c_str(), 1);
         std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        for (auto& a : args)
+            argv.push_back(const_cast<char*>(a.c_str()));
         argv.push_back(nullptr);
         execv(self, argv.data());
         _exit(127);
@@ -175,7 +183,8 @@ int conform(const char* self, const Options& o) {
         }
         scenarios.push_back(s);
     }
-    if (o.check) return 0;
+    if (o.check)
+        return 0;
     mkdir("out", 0755);
     mkdir(o.out.c_str(), 0755);
     int status = 0;
@@ -194,16 +203,19 @@ int conform(const char* self, const Options& o) {
         bool faked = o.fake_baseline && run_child(self, o, s, false, samples + ".fake") &&
                      read_samples(samples + ".fake", &fake);
         if (!ran || !read_timeline(o.out + "/" + s.name + ".timeline.jsonl", &tl, &error)) {
-            fprintf(stderr, "avsink-conformance: %s: the run failed%s%s\n", s.name.c_str(), error.empty() ? "" : ": ",
-                    error.c_str());
+            fprintf(stderr, "avsink-conformance: %s: the run failed%s%s\n", s.name.c_str(),
+                    error.empty() ? "" : ": ", error.c_str());
             status = 1;
             continue;
         }
         Figures f = compute_figures(s, r, tl, faked ? &fake : nullptr);
         check_goals(s, &f);
-        for (auto& e : r.errors) f.missed.push_back("error: " + e);
-        for (auto& m : f.missed) fprintf(stderr, "avsink-conformance: %s: %s\n", s.name.c_str(), m.c_str());
-        if (!f.missed.empty()) status = 1;
+        for (auto& e : r.errors)
+            f.missed.push_back("error: " + e);
+        for (auto& m : f.missed)
+            fprintf(stderr, "avsink-conformance: %s: %s\n", s.name.c_str(), m.c_str());
+        if (!f.missed.empty())
+            status = 1;
         all.push_back(f);
     }
     std::string error;
@@ -220,9 +232,11 @@ int conform(const char* self, const Options& o) {
 int main(int argc, char** argv) {
     Options o;
     int status = 0;
-    if (!parse_args(argc, argv, &o, &status)) return status;
+    if (!parse_args(argc, argv, &o, &status))
+        return status;
     gst_init(nullptr, nullptr);
-    if (!o.run_one.empty()) return run_one(o);
+    if (!o.run_one.empty())
+        return run_one(o);
     if (o.make_media) {
         std::string error;
         for (const Clip& c : clips())
@@ -234,7 +248,8 @@ int main(int argc, char** argv) {
     }
     char self[4096];
     ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n <= 0) return 1;
+    if (n <= 0)
+        return 1;
     self[n] = '\0';
     return conform(self, o);
 }

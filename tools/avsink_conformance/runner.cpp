@@ -40,12 +40,14 @@ ResourceSample resources(const std::string& when) {
     r.when = when;
     if (FILE* f = fopen("/proc/self/statm", "r")) {
         long size = 0, rss = 0;
-        if (fscanf(f, "%ld %ld", &size, &rss) == 2) r.rss_kib = rss * (sysconf(_SC_PAGESIZE) / 1024);
+        if (fscanf(f, "%ld %ld", &size, &rss) == 2)
+            r.rss_kib = rss * (sysconf(_SC_PAGESIZE) / 1024);
         fclose(f);
     }
     if (DIR* d = opendir("/proc/self/fd")) {
         while (dirent* e = readdir(d))
-            if (e->d_name[0] != '.') ++r.fds;
+            if (e->d_name[0] != '.')
+                ++r.fds;
         closedir(d);
         --r.fds;  // the directory's own descriptor
     }
@@ -80,7 +82,8 @@ GstBusSyncReply on_bus(GstBus*, GstMessage* m, gpointer data) {
                 gst_message_parse_error(m, &e, &dbg);
             else
                 gst_message_parse_warning(m, &e, &dbg);
-            std::string text = std::string(GST_OBJECT_NAME(GST_MESSAGE_SRC(m))) + ": " + (e ? e->message : "?");
+            std::string text =
+                std::string(GST_OBJECT_NAME(GST_MESSAGE_SRC(m))) + ": " + (e ? e->message : "?");
             (error ? log->errors : log->warnings).push_back(text);
             g_clear_error(&e);
             g_free(dbg);
@@ -139,8 +142,10 @@ class Run {
 // counts from it.
 GstPadProbeReturn on_audio_pad(GstPad*, GstPadProbeInfo* info, gpointer data) {
     auto* run = static_cast<std::pair<std::atomic<bool>*, RunResult*>*>(data);
-    if (GST_PAD_PROBE_INFO_TYPE(info) & (GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM | GST_PAD_PROBE_TYPE_EVENT_FLUSH)) {
-        if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_FLUSH_STOP) run->first->store(true);
+    if (GST_PAD_PROBE_INFO_TYPE(info) &
+        (GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM | GST_PAD_PROBE_TYPE_EVENT_FLUSH)) {
+        if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_FLUSH_STOP)
+            run->first->store(true);
     } else if (GstBuffer* b = GST_PAD_PROBE_INFO_BUFFER(info)) {
         if (run->first->exchange(false) && GST_BUFFER_PTS_IS_VALID(b))
             run->second->audio_bases.push_back({mono_ns(), static_cast<int64_t>(GST_BUFFER_PTS(b))});
@@ -156,13 +161,15 @@ GstPadProbeReturn count_buffer(GstPad*, GstPadProbeInfo*, gpointer data) {
 void on_about_to_finish(GstElement* pipe, gpointer data) {
     auto* uris = static_cast<std::pair<std::vector<std::string>*, std::atomic<size_t>*>*>(data);
     size_t i = uris->second->fetch_add(1);
-    if (i < uris->first->size()) g_object_set(pipe, "uri", (*uris->first)[i].c_str(), nullptr);
+    if (i < uris->first->size())
+        g_object_set(pipe, "uri", (*uris->first)[i].c_str(), nullptr);
 }
 
 bool Run::build(std::string* error) {
     for (const std::string& clip : playlist(s_.media)) {
         std::string path = make_clip(o_.media_dir, clip, error);
-        if (path.empty()) return false;
+        if (path.empty())
+            return false;
         gchar* uri = gst_filename_to_uri(path.c_str(), nullptr);
         uris_.push_back(uri);
         g_free(uri);
@@ -175,14 +182,17 @@ bool Run::build(std::string* error) {
         return false;
     }
     for (GstElement* sink : {vsink_, asink_})
-        if (g_object_class_find_property(G_OBJECT_GET_CLASS(sink), "sync")) g_object_set(sink, "sync", TRUE, nullptr);
+        if (g_object_class_find_property(G_OBJECT_GET_CLASS(sink), "sync"))
+            g_object_set(sink, "sync", TRUE, nullptr);
     g_object_set(pipe_, "uri", uris_[0].c_str(), "video-sink", vsink_, "audio-sink", asink_, nullptr);
     static std::pair<std::atomic<bool>*, RunResult*> audio_probe;
     audio_probe = {&want_audio_base_, &r_};
     if (GstPad* pad = gst_element_get_static_pad(asink_, "sink")) {
-        gst_pad_add_probe(pad, static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM |
-                                                      GST_PAD_PROBE_TYPE_EVENT_FLUSH),
-                          on_audio_pad, &audio_probe, nullptr);
+        gst_pad_add_probe(
+            pad,
+            static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM |
+                                         GST_PAD_PROBE_TYPE_EVENT_FLUSH),
+            on_audio_pad, &audio_probe, nullptr);
         gst_object_unref(pad);
     }
     if (GstPad* pad = gst_element_get_static_pad(vsink_, "sink")) {
@@ -221,7 +231,8 @@ bool Run::set_state(GstState state, const char* what) {
         fail(std::string(what) + ": state change failed");
         return false;
     }
-    if (ret == GST_STATE_CHANGE_ASYNC) ret = gst_element_get_state(pipe_, nullptr, nullptr, 10 * GST_SECOND);
+    if (ret == GST_STATE_CHANGE_ASYNC)
+        ret = gst_element_get_state(pipe_, nullptr, nullptr, 10 * GST_SECOND);
     if (ret != GST_STATE_CHANGE_SUCCESS && ret != GST_STATE_CHANGE_NO_PREROLL) {
         fail(std::string(what) + ": state change did not complete in 10 s");
         return false;
@@ -248,7 +259,8 @@ void Run::sleep_ms(double ms) {
 
 int64_t Run::duration_ns() {
     gint64 d = -1;
-    if (!gst_element_query_duration(pipe_, GST_FORMAT_TIME, &d)) return -1;
+    if (!gst_element_query_duration(pipe_, GST_FORMAT_TIME, &d))
+        return -1;
     return d;
 }
 
@@ -304,7 +316,8 @@ void Run::step(const Step& st) {
     switch (st.op) {
         case Op::Preroll: {
             uint64_t before = bus_.async_done;
-            if (set_state(GST_STATE_PAUSED, "preroll")) wait_preroll(before, "preroll");
+            if (set_state(GST_STATE_PAUSED, "preroll"))
+                wait_preroll(before, "preroll");
             break;
         }
         case Op::Play:
@@ -315,7 +328,8 @@ void Run::step(const Step& st) {
             sleep_ms(st.value);
             break;
         case Op::Pause:
-            if (!set_state(GST_STATE_PAUSED, "pause")) break;
+            if (!set_state(GST_STATE_PAUSED, "pause"))
+                break;
             sleep_ms(st.value);
             r_.resume_mono_ns.push_back(mono_ns());
             set_state(GST_STATE_PLAYING, "resume");
@@ -328,7 +342,8 @@ void Run::step(const Step& st) {
             int64_t d = duration_ns();
             int64_t span = d > 4 * GST_SECOND ? d - 4 * GST_SECOND : GST_SECOND;
             for (int i = 0; i < st.count && r_.ok; ++i) {
-                int64_t target = static_cast<int64_t>(rng() % static_cast<uint64_t>(span / GST_MSECOND)) * GST_MSECOND;
+                int64_t target =
+                    static_cast<int64_t>(rng() % static_cast<uint64_t>(span / GST_MSECOND)) * GST_MSECOND;
                 seek(target, 1.0);
                 sleep_ms(st.every_ms);
             }
@@ -360,7 +375,8 @@ void Run::step(const Step& st) {
             break;
         case Op::Eos: {
             std::unique_lock<std::mutex> g(bus_.mu);
-            if (!bus_.cv.wait_for(g, std::chrono::seconds(120), [&] { return bus_.eos || !bus_.errors.empty(); })) {
+            if (!bus_.cv.wait_for(g, std::chrono::seconds(120),
+                                  [&] { return bus_.eos || !bus_.errors.empty(); })) {
                 g.unlock();
                 fail("no EOS in 120 s");
             }
@@ -374,16 +390,19 @@ void Run::step(const Step& st) {
 void Run::play_steps() {
     for (const Step& st : s_.steps) {
         if (!o_.quiet)
-            fprintf(stderr, "conformance: %.3f s %s:%d\n", (mono_ns() - wall0_) / 1e9, s_.path.c_str(), st.line);
+            fprintf(stderr, "conformance: %.3f s %s:%d\n", (mono_ns() - wall0_) / 1e9, s_.path.c_str(),
+                    st.line);
         step(st);
         std::lock_guard<std::mutex> g(bus_.mu);
-        if (!bus_.errors.empty() || !r_.ok) break;
+        if (!bus_.errors.empty() || !r_.ok)
+            break;
     }
 }
 
 void Run::teardown() {
     stop_ = true;
-    if (poller_.joinable()) poller_.join();
+    if (poller_.joinable())
+        poller_.join();
     if (pipe_) {
         gst_element_set_state(pipe_, GST_STATE_NULL);
         gst_object_unref(pipe_);
@@ -393,19 +412,22 @@ void Run::teardown() {
 
 RunResult Run::finish() {
     stop_ = true;
-    if (poller_.joinable()) poller_.join();
+    if (poller_.joinable())
+        poller_.join();
     if (GstClock* clock = gst_element_get_clock(pipe_)) {
         r_.clock_name = GST_OBJECT_NAME(clock);
         GstClock* provided = gst_element_provide_clock(asink_);
         r_.clock_is_audio_sink = provided == clock;
-        if (provided) gst_object_unref(provided);
+        if (provided)
+            gst_object_unref(provided);
         gst_object_unref(clock);
     }
     GstStructure* stats = nullptr;
     g_object_get(vsink_, "stats", &stats, nullptr);
     if (stats) {
         guint64 v = 0;
-        if (gst_structure_get_uint64(stats, "dropped", &v)) r_.frames_dropped = v;
+        if (gst_structure_get_uint64(stats, "dropped", &v))
+            r_.frames_dropped = v;
         gst_structure_free(stats);
     }
     // The base sink's statistics start again at every state change: the frames are counted
@@ -416,9 +438,11 @@ RunResult Run::finish() {
     teardown();
     r_.resources.push_back(resources("end"));
     std::lock_guard<std::mutex> g(bus_.mu);
-    for (auto& e : bus_.errors) r_.errors.push_back(e);
+    for (auto& e : bus_.errors)
+        r_.errors.push_back(e);
     r_.warnings = bus_.warnings;
-    if (!bus_.errors.empty()) r_.ok = false;
+    if (!bus_.errors.empty())
+        r_.ok = false;
     return r_;
 }
 

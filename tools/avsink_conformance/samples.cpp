@@ -11,17 +11,26 @@ namespace conformance {
 
 bool write_samples(const std::string& path, const RunResult& r) {
     FILE* f = fopen(path.c_str(), "w");
-    if (!f) return false;
+    if (!f)
+        return false;
     fprintf(f, "ok %d\n", r.ok ? 1 : 0);
-    for (auto& e : r.errors) fprintf(f, "error %s\n", e.c_str());
-    for (auto& w : r.warnings) fprintf(f, "warning %s\n", w.c_str());
-    for (auto& p : r.positions) fprintf(f, "position %lld %lld\n", (long long)p.mono_ns, (long long)p.position_ns);
-    for (auto& s : r.seeks) fprintf(f, "seek %lld %lld %g\n", (long long)s.mono_ns, (long long)s.target_ns, s.rate);
-    for (auto& x : r.resources) fprintf(f, "resource %s %ld %d\n", x.when.c_str(), x.rss_kib, x.fds);
-    for (auto& t : r.resume_mono_ns) fprintf(f, "resume %lld\n", (long long)t);
-    for (auto& b : r.audio_bases) fprintf(f, "audio-base %lld %lld\n", (long long)b.first, (long long)b.second);
+    for (auto& e : r.errors)
+        fprintf(f, "error %s\n", e.c_str());
+    for (auto& w : r.warnings)
+        fprintf(f, "warning %s\n", w.c_str());
+    for (auto& p : r.positions)
+        fprintf(f, "position %lld %lld\n", (long long)p.mono_ns, (long long)p.position_ns);
+    for (auto& s : r.seeks)
+        fprintf(f, "seek %lld %lld %g\n", (long long)s.mono_ns, (long long)s.target_ns, s.rate);
+    for (auto& x : r.resources)
+        fprintf(f, "resource %s %ld %d\n", x.when.c_str(), x.rss_kib, x.fds);
+    for (auto& t : r.resume_mono_ns)
+        fprintf(f, "resume %lld\n", (long long)t);
+    for (auto& b : r.audio_bases)
+        fprintf(f, "audio-base %lld %lld\n", (long long)b.first, (long long)b.second);
     fprintf(f, "play %lld\n", (long long)r.play_mono_ns);
-    fprintf(f, "frames %llu %llu\n", (unsigned long long)r.frames_rendered, (unsigned long long)r.frames_dropped);
+    fprintf(f, "frames %llu %llu\n", (unsigned long long)r.frames_rendered,
+            (unsigned long long)r.frames_dropped);
     fprintf(f, "cpu %.6f %.6f\n", r.cpu_seconds, r.wall_seconds);
     fprintf(f, "clock %d %s\n", r.clock_is_audio_sink ? 1 : 0, r.clock_name.c_str());
     return fclose(f) == 0;
@@ -29,7 +38,8 @@ bool write_samples(const std::string& path, const RunResult& r) {
 
 bool read_samples(const std::string& path, RunResult* out) {
     std::ifstream f(path);
-    if (!f) return false;
+    if (!f)
+        return false;
     RunResult r;
     std::string line;
     while (std::getline(f, line)) {
@@ -38,7 +48,8 @@ bool read_samples(const std::string& path, RunResult* out) {
         in >> k;
         std::string rest;
         std::getline(in, rest);
-        if (!rest.empty() && rest[0] == ' ') rest.erase(0, 1);
+        if (!rest.empty() && rest[0] == ' ')
+            rest.erase(0, 1);
         std::istringstream v(rest);
         if (k == "ok") {
             int ok = 0;

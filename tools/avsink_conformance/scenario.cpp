@@ -1,6 +1,7 @@
 // Scenario files of the conformance runner: one step per line, '#' starts a comment.
 #include <errno.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <fstream>
 #include <sstream>
@@ -33,59 +34,70 @@ const Command kCommands[] = {
     {"goal", Op::Goal, 2, 2, "goal NAME LIMIT"},
 };
 
-const char* const kGoals[] = {"av-p99-ms", "av-max-ms",      "position-ahead-ms", "seek-landing-ms",
-                              "first-frame-vsyncs", "dropped", "cpu-ratio",       "rss-growth-kib",
+const char* const kGoals[] = {"av-p99-ms",          "av-max-ms", "position-ahead-ms", "seek-landing-ms",
+                              "first-frame-vsyncs", "dropped",   "cpu-ratio",         "rss-growth-kib",
                               "fd-growth",          "bus-errors"};
 
 bool number(const std::string& s, double* v) {
-    if (s.empty()) return false;
+    if (s.empty())
+        return false;
     char* end = nullptr;
     errno = 0;
     *v = strtod(s.c_str(), &end);
     return errno == 0 && end && *end == '\0';
 }
 
-std::string where(const std::string& path, int line) { return path + ":" + std::to_string(line) + ": "; }
+std::string where(const std::string& path, int line) {
+    return path + ":" + std::to_string(line) + ": ";
+}
 
 bool known_goal(const std::string& g) {
     for (const char* k : kGoals)
-        if (g == k) return true;
+        if (g == k)
+            return true;
     return false;
 }
 
 // Splits "key=value" options from positional words.
 bool option(const std::string& w, const char* key, double* v) {
     std::string k = std::string(key) + "=";
-    if (w.compare(0, k.size(), k) != 0) return false;
+    if (w.compare(0, k.size(), k) != 0)
+        return false;
     return number(w.substr(k.size()), v);
 }
 
 bool fill_step(const Command& c, const std::vector<std::string>& a, Step* s, std::string* why) {
     double v = 0;
     if (c.op == Op::Goal) {
-        if (!known_goal(a[0])) return *why = "unknown goal '" + a[0] + "'", false;
+        if (!known_goal(a[0]))
+            return *why = "unknown goal '" + a[0] + "'", false;
         if (!number(a[1], &v) || (v < 0 && v != -1))
             return *why = "a goal limit is a number >= 0, or -1 (not judged)", false;
         s->name = a[0];
         s->value = v;
         return true;
     }
-    if (c.max_args == 0) return true;
-    if (!number(a[0], &v)) return *why = "expected a number, got '" + a[0] + "'", false;
+    if (c.max_args == 0)
+        return true;
+    if (!number(a[0], &v))
+        return *why = "expected a number, got '" + a[0] + "'", false;
     s->value = v;
     switch (c.op) {
         case Op::Wait:
         case Op::Pause:
         case Op::Seek:
         case Op::RectStorm:
-            if (v < 0 || v > 600000) return *why = "milliseconds from 0 to 600000", false;
+            if (v < 0 || v > 600000)
+                return *why = "milliseconds from 0 to 600000", false;
             break;
         case Op::Rate:
-            if (v == 0 || v < -8 || v > 8) return *why = "a rate from -8 to 8, not 0", false;
+            if (v == 0 || v < -8 || v > 8)
+                return *why = "a rate from -8 to 8, not 0", false;
             break;
         case Op::Seeks:
         case Op::Cycle:
-            if (v < 1 || v > 10000 || v != static_cast<int>(v)) return *why = "a count from 1 to 10000", false;
+            if (v < 1 || v > 10000 || v != static_cast<int>(v))
+                return *why = "a count from 1 to 10000", false;
             s->count = static_cast<int>(v);
             break;
         default:
@@ -110,7 +122,8 @@ bool fill_step(const Command& c, const std::vector<std::string>& a, Step* s, std
 
 }  // namespace
 
-bool parse_scenario_text(const std::string& path, const std::string& text, Scenario* out, std::string* error) {
+bool parse_scenario_text(const std::string& path, const std::string& text, Scenario* out,
+                         std::string* error) {
     Scenario sc;
     sc.path = path;
     std::string base = path.substr(path.find_last_of('/') + 1);
@@ -123,17 +136,22 @@ bool parse_scenario_text(const std::string& path, const std::string& text, Scena
         line = line.substr(0, line.find('#'));
         std::istringstream words(line);
         std::vector<std::string> w;
-        for (std::string x; words >> x;) w.push_back(x);
-        if (w.empty()) continue;
+        for (std::string x; words >> x;)
+            w.push_back(x);
+        if (w.empty())
+            continue;
         const Command* cmd = nullptr;
         for (const Command& c : kCommands)
-            if (w[0] == c.word) cmd = &c;
-        if (!cmd) return *error = where(path, n) + "unknown command '" + w[0] + "'", false;
+            if (w[0] == c.word)
+                cmd = &c;
+        if (!cmd)
+            return *error = where(path, n) + "unknown command '" + w[0] + "'", false;
         std::vector<std::string> args(w.begin() + 1, w.end());
         if (static_cast<int>(args.size()) < cmd->min_args || static_cast<int>(args.size()) > cmd->max_args)
             return *error = where(path, n) + "usage: " + cmd->usage, false;
         if (std::string(cmd->word) == "media") {
-            if (!sc.media.empty()) return *error = where(path, n) + "a scenario plays one media", false;
+            if (!sc.media.empty())
+                return *error = where(path, n) + "a scenario plays one media", false;
             sc.media = args[0];
             continue;
         }
@@ -141,24 +159,30 @@ bool parse_scenario_text(const std::string& path, const std::string& text, Scena
         s.op = cmd->op;
         s.line = n;
         std::string why;
-        if (!fill_step(*cmd, args, &s, &why)) return *error = where(path, n) + why, false;
+        if (!fill_step(*cmd, args, &s, &why))
+            return *error = where(path, n) + why, false;
         if (s.op == Op::Goal)
             sc.goals[s.name] = s.value;
         else
             sc.steps.push_back(s);
     }
-    if (sc.media.empty()) return *error = path + ": no 'media' line", false;
-    if (sc.steps.empty()) return *error = path + ": no steps", false;
+    if (sc.media.empty())
+        return *error = path + ": no 'media' line", false;
+    if (sc.steps.empty())
+        return *error = path + ": no steps", false;
     *out = sc;
     return true;
 }
 
 bool parse_scenario(const std::string& path, Scenario* out, std::string* error) {
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+        return *error = path + ": a directory, not a scenario", false;
     std::ifstream f(path);
-    if (!f) return *error = path + ": cannot read", false;
+    if (!f)
+        return *error = path + ": cannot read", false;
     std::stringstream ss;
     ss << f.rdbuf();
-    if (f.bad()) return *error = path + ": cannot read (a directory?)", false;
     return parse_scenario_text(path, ss.str(), out, error);
 }
 
