@@ -19,7 +19,8 @@
 
 #include "emutv/emutv.h"
 #include "emutv/models.h"
-#include "ruvo_internal.h"
+#include "ruvo/driver/compress_ext.h"
+#include "ruvo/quarvel_audio_output.h"
 
 namespace {
 

@@ -53,15 +53,24 @@
 
 #include "emutv/emutv.h"
 #include "emutv/models.h"
-#include "call_site_allocator.h"
 #include "hmx_standin.h"
+#include "ruvo/driver/compress_ext.h"
 #include "ruvo/driver/kdolby.h"
-#include "ruvo_internal.h"
+#include "ruvo/driver/sdp_drm.h"
+#include "ruvo/driver/vplt_ioctl.h"
+#include "ruvo/quarvel_audio_output.h"
+#include "ruvo/quarvel_video_output.h"
+#include "ruvo/ruvo_debug.h"
+#include "ruvo_kit/alloc_interposer.h"
+#include "ruvo_kit/bare_requests.h"
+#include "ruvo_kit/frame_descriptor.h"
 #include "ruvo_log.h"
 
-// Allocation counting (--counts): tests/support/call_site_allocator.h.
+// Allocation counting (--counts): the kit's call-site counting, ruvo_kit/alloc_interposer.h.
 
 namespace {
+
+using ruvo_kit::bare_vplt;
 
 // ---- The session ------------------------------------------------------------------------------
 
@@ -70,25 +79,11 @@ const char kCard[] = "/dev/snd/controlC0";
 constexpr unsigned kPayload = 4096;
 constexpr unsigned kExtra = 32;
 
-v4l2_drm make_descriptor(uint32_t hres, uint32_t vres) {
-    v4l2_drm d;
-    memset(&d, 0, sizeof(d));
-    d.inputport = V4L2_DRM_INPUTPORT_TYPE_MM;
-    d.u.dec_info.aspectratio = V4L2_ASPECTRATIO_TYPE_900_1600;
-    d.u.dec_info.hres = hres;
-    d.u.dec_info.vres = vres;
-    d.u.dec_info.effective_hres = hres;
-    d.u.dec_info.effective_vres = vres;
-    d.u.dec_info.framerate = 50000;
-    d.u.dec_info.pFrame[0].display_index = 1;
-    return d;
-}
-
 struct Session {
     quarvel_video_output_s* video = nullptr;  // showing a 1920x1080 stream full screen
     quarvel_audio_output_s* audio = nullptr;  // set up and playing
-    v4l2_drm desc = make_descriptor(1920, 1080);
-    v4l2_drm desc720 = make_descriptor(1280, 720);
+    v4l2_drm desc = ruvo_kit::FrameDescriptor(1920, 1080);
+    v4l2_drm desc720 = ruvo_kit::FrameDescriptor(1280, 720);
     quarvel_video_output_frame_s frame{};
     quarvel_video_output_frame_s frame720{};
     quarvel_audio_output_setup_params_s params{2, 48000, {0, 0, 0, 0, 0, 0}};
@@ -147,17 +142,6 @@ uint64_t user_ptr(T* p) {
 
 uint32_t capped(uint32_t n, uint32_t cap) {
     return n < cap ? n : cap;
-}
-
-int bare_vplt(int fd, int32_t command, void* arg1, void* arg2, void* arg3, int32_t* ret) {
-    ST_VPLT_IOC_CMD cmd;
-    memset(&cmd, 0, sizeof(cmd));
-    cmd.enCmd = command;
-    cmd.arg1 = arg1;
-    cmd.arg2 = arg2;
-    cmd.arg3 = arg3;
-    cmd.ret = ret;
-    return ioctl(fd, VPLT_IOC_CMD, &cmd);
 }
 
 struct BareVideo {
@@ -378,16 +362,16 @@ struct Pair {
     std::function<void()> after_bare = [] {};
 };
 
-std::vector<Pair> make_pairs() {
-    std::vector<Pair> pairs;
-    static quarvel_video_output_s* fresh = nullptr;
-    static quarvel_audio_output_s* fresh_audio = nullptr;
-    static BareVideo bare_video;
-    static int bare_audio_fd = -1;
-    static bool toggle = false;
-    static int closes_before = 0;
+// Handles, descriptors and flags the pairs keep between their steps.
+quarvel_video_output_s* fresh = nullptr;
+quarvel_audio_output_s* fresh_audio = nullptr;
+BareVideo bare_video;
+int bare_audio_fd = -1;
+bool toggle = false;
+int closes_before = 0;
 
-    // Video
+// Opening and closing a main-plane handle.
+void video_handle_pairs(std::vector<Pair>* pairs) {
     {
         Pair p;
         p.name = "video_output_open";
@@ -396,7 +380,7 @@ std::vector<Pair> make_pairs() {
         p.after = [] { quarvel_video_output_close(fresh); };
         p.bare = [] { bare_video_open(&bare_video); };
         p.after_bare = [] { bare_video_close(bare_video); };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
     {
         Pair p;
@@ -406,8 +390,12 @@ std::vector<Pair> make_pairs() {
         p.library = [] { quarvel_video_output_close(fresh); };
         p.prepare_bare = [] { bare_video_open(&bare_video); };
         p.bare = [] { bare_video_close(bare_video); };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
+}
+
+// The panel and the output rectangle.
+void video_geometry_pairs(std::vector<Pair>* pairs) {
     {
         Pair p;
         p.name = "video_output_get_panel_size";
@@ -416,13 +404,13 @@ std::vector<Pair> make_pairs() {
             quarvel_video_output_get_panel_size(g.video, &w, &h);
             benchmark::DoNotOptimize(w);
         };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
     {
         Pair p;
         p.name = "video_output_set_rect (unchanged)";
         p.library = [] { quarvel_video_output_set_rect(g.video, &g.full); };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
     {
         Pair p;
@@ -435,8 +423,12 @@ std::vector<Pair> make_pairs() {
             toggle = !toggle;
             bare_plane(toggle ? g.window : g.full);
         };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
+}
+
+// Frames: the first one, the next resolution, one per frame.
+void video_frame_pairs(std::vector<Pair>* pairs) {
     {
         Pair p;
         p.name = "video_output_init_with_first_frame";
@@ -460,7 +452,7 @@ std::vector<Pair> make_pairs() {
             bare_plane(g.full);
             bare_mute(false);
         };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
     {
         Pair p;
@@ -479,15 +471,19 @@ std::vector<Pair> make_pairs() {
             int32_t ret = 0;
             bare_vplt(g.video->m_valio_fd, EN_VPLT_IOC_FR2IP_SetNextResolution, &plane, &next, &copy, &ret);
         };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
     {
         Pair p;
         p.name = "video_output_push_frame_to_display";
         p.library = [] { quarvel_video_output_push_frame_to_display(g.video, &g.frame); };
         p.bare = [] { bare_source(&g.desc); };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
+}
+
+// Vsync timing, the decoder's frames in use and the presentation time.
+void video_timing_pairs(std::vector<Pair>* pairs) {
     {
         Pair p;
         p.name = "video_output_get_vsync_info";
@@ -507,7 +503,7 @@ std::vector<Pair> make_pairs() {
                       &ret);
             benchmark::DoNotOptimize(offset);
         };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
     {
         Pair p;
@@ -524,7 +520,7 @@ std::vector<Pair> make_pairs() {
                       &ret);
             benchmark::DoNotOptimize(frames);
         };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
     {
         Pair p;
@@ -535,13 +531,17 @@ std::vector<Pair> make_pairs() {
             int32_t high = 1, low = 2, ret = 0;
             bare_vplt(g.video->m_valio_fd, EN_VPLT_IOC_FR2IP_SetPTS, &plane, &high, &low, &ret);
         };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
+}
+
+// The switch back to broadcast video.
+void video_switch_pairs(std::vector<Pair>* pairs) {
     {
         Pair p;
         p.name = "video_output_notify_ta_switch (none pending)";
         p.library = [] { quarvel_video_output_notify_ta_switch(g.video); };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
     {
         // The library's time includes its audio-mute thread up to the thread's last request;
@@ -580,10 +580,12 @@ std::vector<Pair> make_pairs() {
             bare_plane(g.full);
             bare_mute(false);
         };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
+}
 
-    // Audio
+// Opening and closing the compressed-offload device.
+void audio_handle_pairs(std::vector<Pair>* pairs) {
     {
         Pair p;
         p.name = "audio_output_open";
@@ -592,7 +594,7 @@ std::vector<Pair> make_pairs() {
         p.after = [] { quarvel_audio_output_close(fresh_audio); };
         p.bare = [] { bare_audio_fd = open(kAudioDevice, O_WRONLY); };
         p.after_bare = [] { close(bare_audio_fd); };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
     {
         Pair p;
@@ -607,8 +609,12 @@ std::vector<Pair> make_pairs() {
             bare_control_write("audio dec0 playback rate", 100);
             close(bare_audio_fd);
         };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
+}
+
+// The compressed stream: set-up, start, stop, sync mode, data and its progress.
+void audio_stream_pairs(std::vector<Pair>* pairs) {
     {
         Pair p;
         p.name = "audio_output_setup";
@@ -630,13 +636,13 @@ std::vector<Pair> make_pairs() {
             bare_metadata(fd, SNDRV_COMPRESS_SPDIF_DEVICE_INFO, 48000);
             bare_metadata(fd, SNDRV_COMPRESS_IS_CDDTS, 0);
         };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
     {
         Pair p;
         p.name = "audio_output_start";
         p.library = [] { quarvel_audio_output_start(g.audio); };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
     {
         Pair p;
@@ -651,7 +657,7 @@ std::vector<Pair> make_pairs() {
             quarvel_audio_output_push_data(g.audio, g.block, kPayload, kExtra);
         };
         p.after = [] { quarvel_audio_output_push_data(g.audio, g.block, kPayload, kExtra); };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
     {
         Pair p;
@@ -660,7 +666,7 @@ std::vector<Pair> make_pairs() {
             quarvel_audio_output_set_sync_mode(g.audio, quarvel_audio_output_sync_mode__sync_to_video);
         };
         p.bare = [] { bare_metadata(audio_fd(), SNDRV_COMPRESS_SYNC_MODE, EN_PROP_SYNC_MODE_NONE); };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
     {
         Pair p;
@@ -672,7 +678,7 @@ std::vector<Pair> make_pairs() {
             ssize_t n = write(audio_fd(), g.block, kPayload + kExtra);
             benchmark::DoNotOptimize(n);
         };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
     {
         Pair p;
@@ -694,8 +700,12 @@ std::vector<Pair> make_pairs() {
             ioctl(fd, SNDRV_COMPRESS_AVAIL, &avail);
             benchmark::DoNotOptimize(avail);
         };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
+}
+
+// Gain and speed, through the sound card's mixer controls.
+void audio_mixer_pairs(std::vector<Pair>* pairs) {
     {
         Pair p;
         p.name = "audio_output_volume_control";
@@ -704,17 +714,19 @@ std::vector<Pair> make_pairs() {
             bare_control_write("qvl speaker main gain", 16384);
             bare_control_write("qvl hp main gain", 16384);
         };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
     {
         Pair p;
         p.name = "audio_output_speed_control";
         p.library = [] { quarvel_audio_output_speed_control(nullptr, 1.5f); };
         p.bare = [] { bare_control_write("audio dec0 playback rate", 150); };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
+}
 
-    // Diagnostics: no driver requests (the mask is read from the marker files).
+// Diagnostics: no driver requests (the mask is read from the marker files).
+void diagnostics_pairs(std::vector<Pair>* pairs) {
     {
         Pair p;
         p.name = "ruvo_interface_debug_init";
@@ -722,20 +734,34 @@ std::vector<Pair> make_pairs() {
             ruvo_interface_debug_init();
             g_ruvo_logmask = RUVO_LOG_ERR;
         };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
     {
         Pair p;
         p.name = "ruvo_dbg_enable";
         p.library = [] { ruvo_dbg_enable(); };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
     {
         Pair p;
         p.name = "ruvo_dbg_disable";
         p.library = [] { ruvo_dbg_disable(); };
-        pairs.push_back(p);
+        pairs->push_back(p);
     }
+}
+
+// Every pair, video first, then audio and diagnostics.
+std::vector<Pair> make_pairs() {
+    std::vector<Pair> pairs;
+    video_handle_pairs(&pairs);
+    video_geometry_pairs(&pairs);
+    video_frame_pairs(&pairs);
+    video_timing_pairs(&pairs);
+    video_switch_pairs(&pairs);
+    audio_handle_pairs(&pairs);
+    audio_stream_pairs(&pairs);
+    audio_mixer_pairs(&pairs);
+    diagnostics_pairs(&pairs);
     return pairs;
 }
 
@@ -912,9 +938,9 @@ int run_counts() {
         const size_t requests = tv.total_requests();
         const size_t opens = tv.count("open");
         const size_t closes = tv.count("close");
-        ruvo_test::start_call_site_count();
+        ruvo_kit::start_call_site_count();
         p.library();
-        const ruvo_test::CallSiteCounts counted = ruvo_test::stop_call_site_count();
+        const ruvo_kit::CallSiteCounts counted = ruvo_kit::stop_call_site_count();
         fprintf(out, "%s\t%zu\t%zu\t%zu\t%ld\t%ld\n", p.name.c_str(), tv.total_requests() - requests,
                 tv.count("open") - opens, tv.count("close") - closes, counted.total, counted.own);
         p.after();

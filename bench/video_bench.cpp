@@ -13,10 +13,16 @@
 #include <vector>
 
 #include "emutv/emutv.h"
-#include "ruvo_internal.h"
+#include "ruvo/driver/sdp_drm.h"
+#include "ruvo/driver/vplt_ioctl.h"
+#include "ruvo/quarvel_video_output.h"
+#include "ruvo_kit/bare_requests.h"
+#include "ruvo_kit/frame_descriptor.h"
 #include "ruvo_log.h"
 
 namespace {
+
+using ruvo_kit::bare_vplt;
 
 struct Session {
     quarvel_video_output_s* output = nullptr;
@@ -26,20 +32,6 @@ struct Session {
 
 Session g_session;
 
-v4l2_drm make_descriptor(uint32_t hres, uint32_t vres) {
-    v4l2_drm d;
-    memset(&d, 0, sizeof(d));
-    d.inputport = V4L2_DRM_INPUTPORT_TYPE_MM;
-    d.u.dec_info.aspectratio = V4L2_ASPECTRATIO_TYPE_900_1600;
-    d.u.dec_info.hres = hres;
-    d.u.dec_info.vres = vres;
-    d.u.dec_info.effective_hres = hres;
-    d.u.dec_info.effective_vres = vres;
-    d.u.dec_info.framerate = 50000;
-    d.u.dec_info.pFrame[0].display_index = 1;
-    return d;
-}
-
 // A handle with a stream started and shown: the per-frame call is in steady state.
 bool start_session() {
     emutv::platform().reset();
@@ -48,7 +40,7 @@ bool start_session() {
     s.output = quarvel_video_output_open(false);
     if (s.output == nullptr)
         return false;
-    s.desc = make_descriptor(1920, 1080);
+    s.desc = ruvo_kit::FrameDescriptor(1920, 1080);
     s.frame.v4l2_frame = &s.desc;
     s.frame.dv_profile = -1;
     const quarvel_video_output_rect_s r{0, 0, 1920, 1080, 0, 0};
@@ -67,18 +59,6 @@ void end_session() {
     if (g_session.output != nullptr)
         quarvel_video_output_close(g_session.output);
     g_session.output = nullptr;
-}
-
-// One video-platform command, filled by hand.
-int bare_vplt(int fd, int32_t command, void* arg1, void* arg2, void* arg3, int32_t* ret) {
-    ST_VPLT_IOC_CMD cmd;
-    memset(&cmd, 0, sizeof(cmd));
-    cmd.enCmd = command;
-    cmd.arg1 = arg1;
-    cmd.arg2 = arg2;
-    cmd.arg3 = arg3;
-    cmd.ret = ret;
-    return ioctl(fd, VPLT_IOC_CMD, &cmd);
 }
 
 // ---- Per frame ------------------------------------------------------------------------------

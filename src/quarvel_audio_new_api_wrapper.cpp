@@ -11,7 +11,7 @@
 
 #include <sound/compress_offload.h>
 
-#include "ruvo_internal.h"
+#include "ruvo_internal_audio.h"
 #include "ruvo_log.h"
 
 // The compressed-offload records and requests as the chip's driver takes them, the same

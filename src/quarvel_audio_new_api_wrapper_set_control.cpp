@@ -6,7 +6,7 @@
 
 #include <alsa/asoundlib.h>
 
-#include "ruvo_internal.h"
+#include "ruvo_internal_audio.h"
 #include "ruvo_log.h"
 
 namespace {

@@ -1,5 +1,6 @@
 // Diagnostics: debug mask from the marker files, the optional log file and its writer.
 #include <stdarg.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -9,7 +10,7 @@
 #include <algorithm>
 
 #include "ruvo/ruvo_debug.h"
-#include "ruvo_internal.h"
+#include "ruvo_internal_debug.h"
 #include "ruvo_log.h"
 
 // The log file name is cut at 127 characters on purpose.

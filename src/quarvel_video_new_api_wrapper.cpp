@@ -8,7 +8,8 @@
 #include <drm.h>
 #include <drm_mode.h>
 
-#include "ruvo_internal.h"
+#include "ruvo/wayland_render.h"
+#include "ruvo_internal_video.h"
 #include "ruvo_log.h"
 
 // Library-wide instance that comes with the declaration of DRMBuffer; all buffer state

@@ -10,7 +10,9 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "ruvo_internal.h"
+#include "ruvo/wayland_render.h"
+#include "ruvo_internal_audio.h"
+#include "ruvo_internal_video.h"
 #include "ruvo_log.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <drm_mode.h>
 #include <xf86drmMode.h>
 
-#include "ruvo_internal.h"
+#include "ruvo_internal_video.h"
 #include "ruvo_log.h"
 
 namespace {

@@ -8,7 +8,7 @@
 
 #include <drm.h>
 
-#include "ruvo_internal.h"
+#include "ruvo_internal_video.h"
 #include "ruvo_log.h"
 
 namespace {

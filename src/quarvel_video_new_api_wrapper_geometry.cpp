@@ -6,7 +6,8 @@
 #include <string.h>
 #include <sys/ioctl.h>
 
-#include "ruvo_internal.h"
+#include "ruvo/wayland_render.h"
+#include "ruvo_internal_video.h"
 #include "ruvo_log.h"
 
 quarvel_frame_size_s CalculateFrameSizeFromV4L2(v4l2_drm const* frame_info) {

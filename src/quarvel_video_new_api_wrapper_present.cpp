@@ -9,7 +9,8 @@
 
 #include "HMXClientInterface.h"
 #include "ruvo/driver/kdolby.h"
-#include "ruvo_internal.h"
+#include "ruvo/wayland_render.h"
+#include "ruvo_internal_video.h"
 #include "ruvo_log.h"
 
 namespace {

@@ -6,7 +6,7 @@
 
 #include <mutex>
 
-#include "ruvo_internal.h"
+#include "ruvo_internal_video.h"
 #include "ruvo_log.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <string.h>
 #include <sys/ioctl.h>
 
-#include "ruvo_internal.h"
+#include "ruvo_internal_video.h"
 #include "ruvo_log.h"
 
 bool is_ta_switch() {

@@ -3,7 +3,7 @@
 #include <errno.h>
 #include <string.h>
 
-#include "ruvo_internal.h"
+#include "ruvo_internal_video.h"
 #include "ruvo_log.h"
 
 double HelperConvertVsyncHzToFPS(int fps_1k) {

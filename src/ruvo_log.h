@@ -4,6 +4,8 @@
 
 #include <stdio.h>
 
+#include "ruvo/ruvo_debug.h"
+
 #define RUVO_LOG_ERR 0x1
 #define RUVO_LOG_INFO 0x4
 #define RUVO_LOG_TRACE 0x8

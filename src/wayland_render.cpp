@@ -11,9 +11,8 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "ruvo_internal.h"
+#include "ruvo_internal_render.h"
 #include "ruvo_log.h"
-#include "wayland_render_internal.h"
 
 // ---------------------------------------------------------------------------------------
 // Connection and globals

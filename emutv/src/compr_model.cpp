@@ -10,41 +10,49 @@
 #include <algorithm>
 
 #include "core.h"
+#include "timeline_internal.h"
 #include "ruvo/driver/compress_ext.h"
 
 namespace emutv {
 
 namespace {
 
+bool modelled(const ComprModel& m) {
+    return m.answers == ComprModel::Answers::Modelled;
+}
+
 void fill_tstamp(const ComprModel& m, snd_compr_tstamp* t) {
     memset(t, 0, sizeof(*t));
+    if (modelled(m)) {
+        t->copied_total = m.decoder.copied_total();
+        t->byte_offset = t->copied_total;
+        t->pcm_io_frames = m.decoder.pcm_io_frames();
+        t->sampling_rate = m.decoder.sampling_rate();
+        return;
+    }
     t->copied_total = m.copied_total;
     t->byte_offset = m.copied_total;
     t->sampling_rate = m.sampling_rate;
 }
 
-}  // namespace
-
-void ComprModel::reset() {
-    min_fragment_size = 4096;
-    max_fragment_size = 65536;
-    min_fragments = 2;
-    max_fragments = 8;
-    avail = 65536;
-    copied_total = 0;
-    sampling_rate = 48000;
-    remain = 0;
-    consume_on_write = false;
-    running = false;
-    metadata.clear();
-    params.clear();
-    bytes_written = 0;
-    write_sizes.clear();
-    starts = 0;
-    stops = 0;
+// The decoder's sizes follow the device's capabilities unless set.
+void configure_decoder(ComprModel& m) {
+    AudioDecoder::Config c = m.decoder.config();
+    c.pacing = m.pacing;
+    c.ring_bytes = m.ring_bytes ? m.ring_bytes : static_cast<uint64_t>(m.min_fragment_size) * m.max_fragments;
+    c.dsp_bytes = m.dsp_bytes >= 0 ? static_cast<uint64_t>(m.dsp_bytes) : 2ULL * m.min_fragment_size;
+    m.decoder.set_config(c);
 }
 
-std::string ComprModel::request_name(unsigned long req, const void*) const {
+}  // namespace
+
+// The defaults are the members' initializers (emutv/models.h).
+void ComprModel::reset() {
+    *this = ComprModel();
+    answers = detail::timeline().mode == ClockMode::Real ? Answers::Modelled : Answers::Scripted;
+}
+
+const char* ComprModel::request_literal(unsigned long req, const void*) const {
     switch (req) {
         case SNDRV_COMPRESS_IOCTL_VERSION:
             return "SNDRV_COMPRESS_IOCTL_VERSION";
@@ -64,12 +72,17 @@ std::string ComprModel::request_name(unsigned long req, const void*) const {
             return "SNDRV_COMPRESS_START";
         case SNDRV_COMPRESS_STOP:
             return "SNDRV_COMPRESS_STOP";
-        default: {
-            char buf[40];
-            snprintf(buf, sizeof(buf), "SNDRV_COMPRESS_0x%lx", req);
-            return buf;
-        }
+        default:
+            return nullptr;
     }
+}
+
+std::string ComprModel::request_name(unsigned long req, const void* arg) const {
+    if (const char* name = request_literal(req, arg))
+        return name;
+    char buf[40];
+    snprintf(buf, sizeof(buf), "SNDRV_COMPRESS_0x%lx", req);
+    return buf;
 }
 
 long ComprModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
@@ -79,6 +92,7 @@ long ComprModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
         *err = EFAULT;
         return -1;
     }
+    configure_decoder(*this);
     switch (req) {
         case SNDRV_COMPRESS_IOCTL_VERSION:
             *static_cast<int*>(arg) = SNDRV_COMPRESS_VERSION;
@@ -107,6 +121,7 @@ long ComprModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
             f["sample_rate"] = p->codec.sample_rate;
             f["reserved1"] = p->codec.reserved[1];
             f["no_wake_mode"] = p->no_wake_mode;
+            decoder.set_params(p->codec.ch_in, p->codec.sample_rate);
             params.assign(static_cast<const uint8_t*>(arg), static_cast<const uint8_t*>(arg) + sizeof(*p));
             return 0;
         }
@@ -124,29 +139,32 @@ long ComprModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
                 *err = EINVAL;
                 return -1;
             }
-            m->value[0] = static_cast<uint32_t>(remain);
-            m->value[1] = static_cast<uint32_t>(remain >> 32);
-            f["remain"] = static_cast<long long>(remain);
+            const uint64_t r = modelled(*this) ? decoder.remain() : remain;
+            m->value[0] = static_cast<uint32_t>(r);
+            m->value[1] = static_cast<uint32_t>(r >> 32);
+            f["remain"] = static_cast<long long>(r);
             return 0;
         }
         case SNDRV_COMPRESS_TSTAMP:
             fill_tstamp(*this, static_cast<snd_compr_tstamp*>(arg));
-            f["copied_total"] = copied_total;
+            f["copied_total"] = static_cast<snd_compr_tstamp*>(arg)->copied_total;
             return 0;
         case SNDRV_COMPRESS_AVAIL: {
             auto* a = static_cast<snd_compr_avail*>(arg);
-            a->avail = avail;
+            a->avail = modelled(*this) ? decoder.avail() : avail;
             fill_tstamp(*this, &a->tstamp);
-            f["avail"] = static_cast<long long>(avail);
+            f["avail"] = static_cast<long long>(a->avail);
             return 0;
         }
         case SNDRV_COMPRESS_START:
             running = true;
             starts++;
+            decoder.start(detail::clock_now_ns());
             return 0;
         case SNDRV_COMPRESS_STOP:
             running = false;
             stops++;
+            decoder.stop();
             return 0;
         default:
             *err = ENOTTY;
@@ -154,11 +172,17 @@ long ComprModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
     }
 }
 
-long ComprModel::write(int, const void*, size_t n, Event&, int*) {
+long ComprModel::write(int, const void* buf, size_t n, Event& ev, int*) {
     // The kernel hands a driver at most MAX_RW_COUNT bytes per write, also on 32-bit
     // systems where a larger count would not fit the result: a short write.
     constexpr size_t kMaxRwCount = 0x7FFFF000;
     n = std::min(n, kMaxRwCount);
+    if (modelled(*this)) {
+        configure_decoder(*this);
+        n = decoder.write(static_cast<const uint8_t*>(buf), n);
+        if (decoder.undecodable_last_write())
+            ev.fields["undecodable"] = static_cast<long long>(decoder.undecodable_last_write());
+    }
     bytes_written += n;
     // The list of sizes follows the record: it stays flat while recording is off.
     if (detail::core().recording)

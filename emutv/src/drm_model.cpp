@@ -57,7 +57,7 @@ void DrmModel::reset() {
     gem_size.clear();
 }
 
-std::string DrmModel::request_name(unsigned long req, const void*) const {
+const char* DrmModel::request_literal(unsigned long req, const void*) const {
     switch (req) {
         case DRM_IOCTL_MODE_GETRESOURCES:
             return "DRM_IOCTL_MODE_GETRESOURCES";
@@ -95,12 +95,17 @@ std::string DrmModel::request_name(unsigned long req, const void*) const {
             return "DRM_IOCTL_SDP_SET_DP_SOURCE";
         case DRM_IOCTL_SDP_SET_ONOFF:
             return "DRM_IOCTL_SDP_SET_ONOFF";
-        default: {
-            char buf[32];
-            snprintf(buf, sizeof(buf), "DRM_IOCTL_0x%08lx", req);
-            return buf;
-        }
+        default:
+            return nullptr;
     }
+}
+
+std::string DrmModel::request_name(unsigned long req, const void* arg) const {
+    if (const char* name = request_literal(req, arg))
+        return name;
+    char buf[32];
+    snprintf(buf, sizeof(buf), "DRM_IOCTL_0x%08lx", req);
+    return buf;
 }
 
 long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {

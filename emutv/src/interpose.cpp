@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "core.h"
+#include "timeline_internal.h"
 
 using emutv::Device;
 using emutv::Event;
@@ -25,6 +26,18 @@ using emutv::detail::Inside;
 namespace {
 
 const char kHalPath[] = "/mtd_apexe/board/lib/libKORB3.so";
+
+// The stand-in HAL library: where the build left it, else (installed) beside the emulator.
+std::string hal_stand_in(const char* built) {
+    if (access(built, R_OK) == 0)
+        return built;
+    Dl_info info;
+    std::string name = strrchr(built, '/') ? strrchr(built, '/') + 1 : built;
+    if (dladdr(reinterpret_cast<void*>(&hal_stand_in), &info) == 0 || info.dli_fname == nullptr)
+        return built;
+    std::string self = info.dli_fname;
+    return self.substr(0, self.rfind('/') + 1) + name;
+}
 
 template <typename Fn>
 Fn real(const char* name) {
@@ -114,10 +127,30 @@ int openat_with(const char* sym, int dirfd, const char* path, int flags, int mod
 using open_fn = int (*)(const char*, int, ...);
 using openat_fn = int (*)(int, const char*, int, ...);
 
+// The event of the request under way, kept from request to request so that its buffers
+// are allocated once (the platform lock is held while it is in use).
+Event& scratch_event() {
+    static Event ev;
+    ev.seq = 0;
+    ev.path.clear();
+    ev.fd = -1;
+    ev.request = 0;
+    ev.in.clear();
+    ev.out.clear();
+    ev.args.clear();
+    ev.fields.clear();
+    ev.text.clear();
+    ev.result = 0;
+    ev.err = 0;
+    ev.thread = 0;
+    return ev;
+}
+
 long emulated_ioctl(int fd, unsigned long req, void* arg) {
     Inside inside;
     auto& c = core();
     std::lock_guard<std::recursive_mutex> g(c.mu);
+    emutv::detail::timeline_sync();
     auto it = c.files.find(fd);
     if (it == c.files.end() || it->second.model == nullptr) {
         errno = ENOTTY;
@@ -125,14 +158,20 @@ long emulated_ioctl(int fd, unsigned long req, void* arg) {
     }
     auto& file = it->second;
     emutv::DeviceModel* model = file.model;
-    Event ev;
+    Event& ev = scratch_event();
     ev.kind = Kind::Ioctl;
     ev.device = file.device;
     ev.path = file.path;
     ev.fd = fd;
     ev.request = req;
-    ev.name = model->request_name(req, arg);
-    size_t size = arg ? model->record_size(req, arg) : 0;
+    if (const char* literal = model->request_literal(req, arg))
+        ev.name.assign(literal);
+    else
+        ev.name = model->request_name(req, arg);
+    // The request's bytes are kept for the record only (the trace and listeners read the
+    // decoded fields).
+    const bool keep_bytes = c.recording;
+    size_t size = arg && keep_bytes ? model->record_size(req, arg) : 0;
     if (size) ev.in.assign(static_cast<uint8_t*>(arg), static_cast<uint8_t*>(arg) + size);
 
     // The driver is entered once per request, as on the television.
@@ -155,7 +194,7 @@ long emulated_ioctl(int fd, unsigned long req, void* arg) {
     if (size) ev.out.assign(static_cast<uint8_t*>(arg), static_cast<uint8_t*>(arg) + size);
     ev.result = result;
     ev.err = result < 0 ? err : 0;
-    c.record(std::move(ev));
+    c.record_copy(ev);
     if (result < 0) errno = err;
     return result;
 }
@@ -164,20 +203,21 @@ long emulated_write(int fd, const void* buf, size_t n) {
     Inside inside;
     auto& c = core();
     std::lock_guard<std::recursive_mutex> g(c.mu);
+    emutv::detail::timeline_sync();
     auto it = c.files.find(fd);
     if (it == c.files.end() || it->second.model == nullptr) {
         errno = EBADF;
         return -1;
     }
     auto& file = it->second;
-    Event ev;
+    Event& ev = scratch_event();
     ev.kind = Kind::Write;
     ev.device = file.device;
     ev.path = file.path;
     ev.fd = fd;
-    ev.name = "write";
+    ev.name.assign("write");
     ev.fields["size"] = static_cast<long long>(n);
-    if (buf && n) ev.in.assign(static_cast<const uint8_t*>(buf), static_cast<const uint8_t*>(buf) + std::min<size_t>(n, 64));
+    if (buf && n && c.recording) ev.in.assign(static_cast<const uint8_t*>(buf), static_cast<const uint8_t*>(buf) + std::min<size_t>(n, 64));
     emutv::detail::sys_write(fd, buf, n);  // into /dev/null: one kernel entry
     Fault fault;
     long result;
@@ -190,7 +230,7 @@ long emulated_write(int fd, const void* buf, size_t n) {
     }
     ev.result = result;
     ev.err = result < 0 ? err : 0;
-    c.record(std::move(ev));
+    c.record_copy(ev);
     if (result < 0) errno = err;
     return result;
 }
@@ -225,7 +265,7 @@ int emulated_close(int fd) {
 }
 
 void record_call(Device d, const std::string& name, const std::string& path, long long result,
-                 std::map<std::string, long long> fields) {
+                 emutv::Fields fields) {
     auto& c = core();
     std::lock_guard<std::recursive_mutex> g(c.mu);
     Event ev;
@@ -349,7 +389,8 @@ EMUTV_EXPORT void* dlopen(const char* file, int mode) __THROWNL {
             target = EMUTV_HAL_FULL;
             break;
     }
-    void* h = target ? real_dlopen(target, mode) : nullptr;
+    std::string path = target ? hal_stand_in(target) : std::string();
+    void* h = target ? real_dlopen(path.c_str(), mode) : nullptr;
     record_call(Device::Hal, "dlopen", kHalPath, h ? 0 : -1, {{"mode", mode}});
     return h;
 }

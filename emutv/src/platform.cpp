@@ -8,20 +8,19 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 
 #include "core.h"
+#include "timeline_internal.h"
 
 namespace emutv {
 namespace detail {
 
 namespace {
 thread_local int t_inside = 0;
-
-const char* const kVpltPaths[] = {"/dev/qvl/qvkvplt", "/dev/qvkvplt", "/tmp/qvkvplt"};
-const char* const kDolbyPaths[] = {"/dev/kdolby", "/dev/qvl/kdolby", "/tmp/kdolby"};
 
 int remove_entry(const char* path, const struct stat*, int, struct FTW*) {
     return ::remove(path);
@@ -33,7 +32,7 @@ void remove_tree(const std::string& root) {
 }
 
 void remove_sandbox_at_exit() {
-    remove_tree(core().sandbox);
+    remove_sandbox_now();
 }
 
 void make_dirs(const std::string& path) {
@@ -51,6 +50,18 @@ void make_dirs(const std::string& path) {
     }
 }
 }  // namespace
+
+// A forked child shares its parent's sandbox and leaves it to the parent.
+void remove_sandbox_now() {
+    if (core().sandbox_owner != getpid())
+        return;
+    remove_tree(core().sandbox);
+    ::unlink(alsa_configuration_path().c_str());
+}
+
+std::string alsa_configuration_path() {
+    return core().sandbox + ".alsa.conf";
+}
 
 Inside::Inside() {
     ++t_inside;
@@ -72,40 +83,54 @@ long sys_write(int fd, const void* buf, size_t n) {
     return syscall(SYS_write, fd, buf, n);
 }
 
-Core::Core()
-    : drm(new DrmModel),
-      vplt(new VpltModel),
-      dolby(new DolbyModel),
-      converter(new ConverterModel),
-      decoder(new DecoderModel),
-      sound(new SoundCardModel),
-      compr(new ComprModel) {
+template <typename M>
+std::unique_ptr<DeviceModel> make() {
+    return std::unique_ptr<DeviceModel>(new M);
+}
+
+const std::vector<DeviceEntry>& device_registry() {
+    static const std::vector<DeviceEntry> table = {
+        {Device::Drm, "drm", {"/dev/dri/card0"}, make<DrmModel>},
+        {Device::Vplt, "vplt", {"/dev/qvl/qvkvplt", "/dev/qvkvplt", "/tmp/qvkvplt"}, make<VpltModel>},
+        {Device::Dolby, "dolby", {"/dev/kdolby", "/dev/qvl/kdolby", "/tmp/kdolby"}, make<DolbyModel>},
+        {Device::Converter, "converter", {"/dev/qvkconverter"}, make<ConverterModel>},
+        {Device::Decoder, "decoder", {"/dev/video10"}, make<DecoderModel>},
+        {Device::SoundCtl, "sound", {"/dev/snd/controlC0"}, make<SoundCardModel>},
+        {Device::Compr, "compr", {}, make<ComprModel>},
+        {Device::Hal, "hal", {}, nullptr},
+        {Device::Dmabuf, "dmabuf", {}, nullptr},
+    };
+    return table;
+}
+
+const DeviceEntry* registry_entry(Device d) {
+    for (const auto& e : device_registry())
+        if (e.kind == d)
+            return &e;
+    return nullptr;
+}
+
+Core::Core() {
     for (auto& e : emulated)
         e.store(0);
-    for (const char* p : kVpltPaths)
-        node_device[p] = Device::Vplt;
-    for (const char* p : kDolbyPaths)
-        node_device[p] = Device::Dolby;
-    node_device["/dev/dri/card0"] = Device::Drm;
-    node_device["/dev/qvkconverter"] = Device::Converter;
-    node_device["/dev/video10"] = Device::Decoder;
-    node_device["/dev/snd/controlC0"] = Device::SoundCtl;
+    for (const auto& entry : device_registry()) {
+        if (entry.make_model)
+            models[static_cast<size_t>(entry.kind)] = entry.make_model();
+        for (const char* p : entry.paths)
+            node_device[p] = entry.kind;
+    }
     reset_nodes();
-    drm->reset();
-    vplt->reset();
-    dolby->reset();
-    converter->reset();
-    decoder->reset();
-    sound->reset();
-    compr->reset();
+    reset_models();
 
     const char* dir = getenv("EMUTV_SANDBOX_DIR");
     char cwd[4096];
     std::string base = dir ? dir : (getcwd(cwd, sizeof(cwd)) ? cwd : ".");
     sandbox = base + "/emutv-sandbox." + std::to_string(getpid());
+    sandbox_owner = getpid();
     remove_tree(sandbox);
     make_dirs(sandbox);
     atexit(remove_sandbox_at_exit);
+    install_process_handlers();
 }
 
 void Core::reset_nodes() {
@@ -116,33 +141,15 @@ void Core::reset_nodes() {
         else
             ++it;
     }
-    node_present.insert("/dev/qvl/qvkvplt");
-    node_present.insert("/dev/kdolby");
-    node_present.insert("/dev/dri/card0");
-    node_present.insert("/dev/qvkconverter");
-    node_present.insert("/dev/video10");
-    node_present.insert("/dev/snd/controlC0");
+    for (const auto& entry : device_registry())
+        if (!entry.paths.empty())
+            node_present.insert(entry.paths.front());
 }
 
-DeviceModel* Core::model_for(Device d) const {
-    switch (d) {
-        case Device::Drm:
-            return drm.get();
-        case Device::Vplt:
-            return vplt.get();
-        case Device::Dolby:
-            return dolby.get();
-        case Device::Converter:
-            return converter.get();
-        case Device::Decoder:
-            return decoder.get();
-        case Device::SoundCtl:
-            return sound.get();
-        case Device::Compr:
-            return compr.get();
-        default:
-            return nullptr;
-    }
+void Core::reset_models() {
+    for (auto& m : models)
+        if (m)
+            m->reset();
 }
 
 int Core::create_fd(Device d, const std::string& path) {
@@ -177,15 +184,51 @@ bool Core::take_fault(const std::string& name, Fault* out) {
     return true;
 }
 
-void Core::record(Event&& ev) {
+int Core::thread_token() {
+    static thread_local int token = -1;
+    if (token < 0)
+        token = syscall(SYS_gettid) == getpid() ? 0 : ++threads_seen;
+    return token;
+}
+
+void Core::count_request(const std::string& name) {
+    // Requests come in runs of a few names (a frame, an audio block): their counters first.
+    for (auto& slot : count_cache) {
+        if (slot.count != nullptr && slot.name == name) {
+            ++*slot.count;
+            return;
+        }
+    }
+    CountSlot& slot = count_cache[next_count_slot];
+    next_count_slot = (next_count_slot + 1) % kCountSlots;
+    slot.count = &counts[name];
+    slot.name = name;
+    ++*slot.count;
+}
+
+void Core::clear_counts() {
+    counts.clear();
+    for (auto& slot : count_cache)
+        slot.count = nullptr;
+}
+
+void Core::record_copy(Event& ev) {
     ev.seq = ++seq;
-    counts[ev.name]++;
+    ev.thread = thread_token();
+    count_request(ev.name);
     if (ev.kind == Kind::Ioctl || ev.kind == Kind::Write)
         total++;
+    timeline_observe(ev);
+    if (trace_fd >= 0 || trace_pending_child)
+        write_trace_line(*this, ev);
     if (listener)
         listener(ev);
     if (recording)
-        events.push_back(std::move(ev));
+        events.push_back(ev);
+}
+
+void Core::record(Event&& ev) {
+    record_copy(ev);
 }
 
 Core& core() {
@@ -218,28 +261,8 @@ std::string sandbox_map(const char* path) {
 using detail::core;
 
 const char* device_name(Device d) {
-    switch (d) {
-        case Device::Drm:
-            return "drm";
-        case Device::Vplt:
-            return "vplt";
-        case Device::Dolby:
-            return "dolby";
-        case Device::Converter:
-            return "converter";
-        case Device::Decoder:
-            return "decoder";
-        case Device::SoundCtl:
-            return "sound";
-        case Device::Compr:
-            return "compr";
-        case Device::Hal:
-            return "hal";
-        case Device::Dmabuf:
-            return "dmabuf";
-        default:
-            return "none";
-    }
+    const detail::DeviceEntry* e = detail::registry_entry(d);
+    return e ? e->name : "none";
 }
 
 const char* kind_name(Kind k) {
@@ -255,6 +278,29 @@ const char* kind_name(Kind k) {
         default:
             return "call";
     }
+}
+
+long long Fields::at(const std::string& key) const {
+    auto it = find(key);
+    if (it == end())
+        throw std::out_of_range("no field " + key);
+    return it->second;
+}
+
+void Fields::sort() const {
+    if (sorted_)
+        return;
+    // A handful of entries: insertion sort.
+    for (size_t i = 1; i < n_; ++i)
+        for (size_t j = i; j > 0 && items_[j].first < items_[j - 1].first; --j)
+            std::swap(items_[j], items_[j - 1]);
+    sorted_ = true;
+}
+
+bool Fields::operator==(const Fields& o) const {
+    if (size() != o.size())
+        return false;
+    return std::equal(begin(), end(), o.begin());
 }
 
 long long Event::field(const std::string& key) const {
@@ -294,18 +340,13 @@ void Platform::reset() {
     c.reset_nodes();
     c.faults.clear();
     c.events.clear();
-    c.counts.clear();
+    c.clear_counts();
     c.total = 0;
     c.recording = true;
     c.listener = nullptr;
     c.hal = HalMode::Absent;
-    c.drm->reset();
-    c.vplt->reset();
-    c.dolby->reset();
-    c.converter->reset();
-    c.decoder->reset();
-    c.sound->reset();
-    c.compr->reset();
+    c.reset_models();
+    detail::timeline_reset();
     detail::remove_tree(c.sandbox);
     detail::make_dirs(c.sandbox);
 }
@@ -422,7 +463,7 @@ void Platform::clear_events() {
     auto& c = core();
     std::lock_guard<std::recursive_mutex> g(c.mu);
     c.events.clear();
-    c.counts.clear();
+    c.clear_counts();
     c.total = 0;
 }
 
@@ -482,25 +523,25 @@ std::string Platform::sandbox_read(const std::string& path) const {
 }
 
 DrmModel& Platform::drm() {
-    return *core().drm;
+    return core().model<DrmModel>(Device::Drm);
 }
 VpltModel& Platform::vplt() {
-    return *core().vplt;
+    return core().model<VpltModel>(Device::Vplt);
 }
 DolbyModel& Platform::dolby() {
-    return *core().dolby;
+    return core().model<DolbyModel>(Device::Dolby);
 }
 ConverterModel& Platform::converter() {
-    return *core().converter;
+    return core().model<ConverterModel>(Device::Converter);
 }
 DecoderModel& Platform::decoder() {
-    return *core().decoder;
+    return core().model<DecoderModel>(Device::Decoder);
 }
 SoundCardModel& Platform::sound() {
-    return *core().sound;
+    return core().model<SoundCardModel>(Device::SoundCtl);
 }
 ComprModel& Platform::compr() {
-    return *core().compr;
+    return core().model<ComprModel>(Device::Compr);
 }
 std::recursive_mutex& Platform::mutex() const {
     return core().mu;
@@ -515,6 +556,9 @@ void DeviceModel::apply_status(unsigned long, void*, int32_t) {}
 long DeviceModel::write(int, const void*, size_t, Event&, int* err) {
     *err = EINVAL;
     return -1;
+}
+const char* DeviceModel::request_literal(unsigned long, const void*) const {
+    return nullptr;
 }
 void DeviceModel::on_open(int, const std::string&) {}
 void DeviceModel::on_close(int) {}

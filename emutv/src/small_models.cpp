@@ -13,10 +13,9 @@ namespace emutv {
 
 // ---- Dolby --------------------------------------------------------------------------------
 
+// The defaults are the members' initializers (emutv/models.h).
 void DolbyModel::reset() {
-    rewrite = false;
-    rewrite_to = 0;
-    profile = -1;
+    *this = DolbyModel();
 }
 
 std::string DolbyModel::request_name(unsigned long req, const void*) const {
@@ -50,8 +49,7 @@ long DolbyModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
 // ---- Converter ----------------------------------------------------------------------------
 
 void ConverterModel::reset() {
-    initialised = false;
-    conversions = 0;
+    *this = ConverterModel();
 }
 
 std::string ConverterModel::request_name(unsigned long req, const void*) const {
@@ -121,6 +119,30 @@ void DecoderModel::reset() {
     d.u.dec_info.hres = 1920;
     d.u.dec_info.vres = 1080;
     d.u.dec_info.framerate = 50000;
+    memcpy(display_frame.data(), &d, sizeof(d));
+}
+
+void DecoderModel::set_display_frame(uint32_t w, uint32_t h, uint32_t aspect, uint32_t framerate, uint32_t port) {
+    v4l2_drm d;
+    memset(&d, 0, sizeof(d));
+    d.inputport = static_cast<v4l2_drm_inputport_type>(port);
+    v4l2_drm_dec_info& di = d.u.dec_info;
+    di.aspectratio = static_cast<v4l2_aspectratio_type>(aspect);
+    di.hres = w;
+    di.vres = h;
+    di.effective_hres = w;
+    di.effective_vres = h;
+    di.framerate = framerate;
+    di.bpp = 8;
+    di.pFrame[0].display_index = 1;
+    di.pFrame[0].showframe = 1;
+    di.pFrame[0].width = w;
+    di.pFrame[0].height = h;
+    di.pFrame[0].y_linesize = w;
+    di.pFrame[0].u_linesize = w;
+    di.pFrame[0].colorformat = V4L2_DRM_COLORFORMAT_YUV420;
+    di.pFrame[0].framedone = 1;
+    display_frame.fill(0);
     memcpy(display_frame.data(), &d, sizeof(d));
 }
 

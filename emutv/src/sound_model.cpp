@@ -55,18 +55,12 @@ class AlsaConfiguration {
             }
             out << line << '\n';
         }
-        // Beside the sandbox (which reset() empties), never in the machine's /tmp.
-        path_ = detail::core().sandbox + ".alsa.conf";
-        std::ofstream(path_, std::ios::trunc) << out.str();
-        setenv("ALSA_CONFIG_PATH", path_.c_str(), 1);
+        // Beside the sandbox (which reset() empties), never in the machine's /tmp; removed
+        // with the sandbox.
+        const std::string path = detail::alsa_configuration_path();
+        std::ofstream(path, std::ios::trunc) << out.str();
+        setenv("ALSA_CONFIG_PATH", path.c_str(), 1);
     }
-    ~AlsaConfiguration() {
-        if (!path_.empty())
-            ::unlink(path_.c_str());
-    }
-
-  private:
-    std::string path_;
 };
 
 AlsaConfiguration s_alsa_configuration;

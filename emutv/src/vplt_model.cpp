@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "core.h"
+#include "timeline_internal.h"
 #include "ruvo/driver/v4l2_drm.h"
 #include "ruvo/driver/vplt_ioctl.h"
 
@@ -46,6 +47,11 @@ void capture(const ST_VPLT_IOC_CMD& c, Event& ev) {
     }
 }
 
+// In real time the vsync offset and the frames in use come from the clock.
+bool real_time() {
+    return detail::timeline().mode == ClockMode::Real;
+}
+
 template <typename T>
 T read_arg(void* p) {
     T v{};
@@ -56,19 +62,12 @@ T read_arg(void* p) {
 
 }  // namespace
 
+// The defaults are the members' initializers (emutv/models.h).
 void VpltModel::reset() {
-    vsync_hz = 59940;
-    vsync_hz_ret = 0;
-    offset_sec = 0;
-    offset_nsec = 1000000;
-    offset_ret = 0;
-    frames[0] = 2;
-    frames[1] = 1;
-    queue_size = 3;
-    last_pts = 0;
+    *this = VpltModel();
 }
 
-std::string VpltModel::request_name(unsigned long req, const void* arg) const {
+const char* VpltModel::request_literal(unsigned long req, const void* arg) const {
     if (req != VPLT_IOC_CMD || arg == nullptr)
         return "VPLT_IOCTL";
     switch (static_cast<const ST_VPLT_IOC_CMD*>(arg)->enCmd) {
@@ -85,8 +84,14 @@ std::string VpltModel::request_name(unsigned long req, const void* arg) const {
         case EN_VPLT_IOC_FR2IP_SetPTS:
             return "FR2IP_SetPTS";
         default:
-            return "VPLT_CMD_" + std::to_string(static_cast<const ST_VPLT_IOC_CMD*>(arg)->enCmd);
+            return nullptr;
     }
+}
+
+std::string VpltModel::request_name(unsigned long req, const void* arg) const {
+    if (const char* name = request_literal(req, arg))
+        return name;
+    return "VPLT_CMD_" + std::to_string(static_cast<const ST_VPLT_IOC_CMD*>(arg)->enCmd);
 }
 
 long VpltModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
@@ -135,19 +140,27 @@ long VpltModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
             break;
         case EN_VPLT_IOC_FR2IP_GetOffsetFromVsync: {
             vplt_vsync_offset o{offset_sec, offset_nsec};
+            if (real_time())
+                detail::vsync_offset_now(&o.tv_sec, &o.tv_nsec);
             if (c.arg2)
                 memcpy(c.arg2, &o, sizeof(o));
-            f["tv_sec"] = offset_sec;
-            f["tv_nsec"] = offset_nsec;
+            f["tv_sec"] = o.tv_sec;
+            f["tv_nsec"] = o.tv_nsec;
             ret = offset_ret;
             break;
         }
-        case EN_VPLT_IOC_FR2IP_GetDirectlyFrames:
+        case EN_VPLT_IOC_FR2IP_GetDirectlyFrames: {
+            int32_t used[2] = {frames[0], frames[1]};
+            if (real_time()) {
+                used[0] = detail::frames_not_latched();
+                used[1] = 0;
+            }
             if (c.arg2)
-                memcpy(c.arg2, frames, sizeof(frames));
-            f["frames0"] = frames[0];
-            f["frames1"] = frames[1];
+                memcpy(c.arg2, used, sizeof(used));
+            f["frames0"] = used[0];
+            f["frames1"] = used[1];
             break;
+        }
         case EN_VPLT_IOC_FR2IP_SetPTS: {
             int32_t h = read_arg<int32_t>(c.arg2), l = read_arg<int32_t>(c.arg3);
             f["pts_h"] = static_cast<uint32_t>(h);

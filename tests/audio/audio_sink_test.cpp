@@ -6,6 +6,7 @@
 #include <regex>
 
 #include "audio_fixture.h"
+#include "ruvo_internal_audio.h"
 
 using audio_test::AudioTest;
 using audio_test::bytes_of;

@@ -13,17 +13,17 @@
 
 #include <atomic>
 #include <chrono>
-#include <dirent.h>
 #include <fcntl.h>
-#include <sys/syscall.h>
 #include <new>
 #include <thread>
 
 #include "HMXClientInterface.h"
-#include "call_site_allocator.h"
 #include "hmx_standin.h"
 #include "ruvo_log.h"
 #include "test_support.h"
+#include "ruvo_internal_audio.h"
+#include "ruvo_kit/alloc_interposer.h"
+#include "ruvo_kit/threads.h"
 
 namespace {
 
@@ -68,25 +68,6 @@ Names cat(Names a, const V&... rest) {
     return a;
 }
 
-// Threads of the process, read without allocating (it runs while allocations are counted).
-int live_threads() {
-    static char buf[4096];
-    const int fd = open("/proc/self/task", O_RDONLY | O_DIRECTORY);
-    if (fd < 0)
-        return -1;
-    int n = 0;
-    for (long got; (got = syscall(SYS_getdents64, fd, buf, sizeof(buf))) > 0;) {
-        for (long off = 0; off < got;) {
-            const auto* d = reinterpret_cast<const struct dirent64*>(buf + off);
-            if (d->d_name[0] != '.')
-                n++;
-            off += d->d_reclen;
-        }
-    }
-    close(fd);
-    return n;
-}
-
 class CallCost : public ruvo_test::PlatformTest {
   protected:
     void SetUp() override {
@@ -110,9 +91,9 @@ class CallCost : public ruvo_test::PlatformTest {
     template <typename F>
     Cost measure(F call) {
         tv().clear_events();
-        ruvo_test::start_call_site_count();
+        ruvo_kit::start_call_site_count();
         call();
-        const ruvo_test::CallSiteCounts counted = ruvo_test::stop_call_site_count();
+        const ruvo_kit::CallSiteCounts counted = ruvo_kit::stop_call_site_count();
         Cost c;
         c.allocations = counted.total;
         c.own = counted.own;
@@ -140,7 +121,7 @@ class CallCost : public ruvo_test::PlatformTest {
     }
     void wait_for_threads(int expected) {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (live_threads() > expected && std::chrono::steady_clock::now() < deadline)
+        while (ruvo_kit::thread_count() > expected && std::chrono::steady_clock::now() < deadline)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 
@@ -247,9 +228,9 @@ long transaction_allocations() {
     };
     transact();  // the stand-in's log is made on first use
     hmx_standin_clear();
-    ruvo_test::start_call_site_count();
+    ruvo_kit::start_call_site_count();
     transact();
-    return ruvo_test::stop_call_site_count().total;
+    return ruvo_kit::stop_call_site_count().total;
 }
 
 TEST_F(CallCost, first_frame_is_5_requests_and_allocates_only_what_the_picture_quality_client_does) {
@@ -307,7 +288,7 @@ TEST_F(CallCost, a_hand_back_without_a_pending_switch_sends_nothing) {
 TEST_F(CallCost, a_hand_back_is_7_requests_and_one_mixer_write_on_its_thread) {
     show_video();
     setenv("TA_DTV_PRELOAD", "1", 1);
-    const int threads = live_threads();
+    const int threads = ruvo_kit::thread_count();
     const Cost c = measure([&] {
         quarvel_video_output_notify_ta_switch(video_);
         wait_for_threads(threads);

@@ -12,6 +12,7 @@
 #include "ruvo/ruvo_debug.h"
 #include "ruvo_log.h"
 #include "test_support.h"
+#include "ruvo_internal_debug.h"
 
 using ruvo_test::aline;
 using ruvo_test::vline;

@@ -12,6 +12,7 @@
 
 #include "ruvo_log.h"
 #include "test_support.h"
+#include "ruvo_internal_video.h"
 
 namespace {
 

@@ -1,11 +1,12 @@
 #include "fault_matrix.h"
 
-#include <dirent.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <regex>
 #include <thread>
+
+#include "ruvo_internal_video.h"
 
 namespace faults {
 
@@ -188,18 +189,6 @@ void split_thread_lines(const std::vector<std::string>& all, std::vector<std::st
             in_thread = starts;
         (in_thread ? thread : caller)->push_back(l);
     }
-}
-
-int live_threads() {
-    int n = 0;
-    DIR* d = opendir("/proc/self/task");
-    if (d == nullptr)
-        return -1;
-    while (struct dirent* e = readdir(d))
-        if (e->d_name[0] != '.')
-            n++;
-    closedir(d);
-    return n;
 }
 
 Frame::Frame(uint32_t hres, uint32_t vres, uint32_t aspect, int32_t dv_profile) {

@@ -5,6 +5,7 @@
 
 #include "fault_matrix.h"
 #include "mixer_faults.h"
+#include "ruvo_kit/threads.h"
 
 using namespace faults;
 
@@ -38,15 +39,15 @@ class HandbackFaults : public FaultMatrix {
         ASSERT_EQ(quarvel_video_output_set_rect(out_, &rect_), 0);
         ASSERT_EQ(quarvel_video_output_init_with_first_frame(out_, hd_.get()), 0);
         setenv("TA_DTV_PRELOAD", "1", 1);
-        threads_before_ = live_threads();
+        threads_before_ = ruvo_kit::thread_count();
     }
 
     // The detached thread writes the mixer control and ends; waits for it, within a bound.
     void wait_for_mute_thread() {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (live_threads() > threads_before_ && std::chrono::steady_clock::now() < deadline)
+        while (ruvo_kit::thread_count() > threads_before_ && std::chrono::steady_clock::now() < deadline)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        ASSERT_LE(live_threads(), threads_before_) << "the audio-mute thread did not end";
+        ASSERT_LE(ruvo_kit::thread_count(), threads_before_) << "the audio-mute thread did not end";
     }
 
     std::vector<std::string> caller_lines(const std::vector<std::string>& all) {
@@ -76,7 +77,7 @@ class HandbackFaults : public FaultMatrix {
     }
 
     void notify_again_completes() {
-        threads_before_ = live_threads();
+        threads_before_ = ruvo_kit::thread_count();
         quarvel_video_output_notify_ta_switch(out_);
         wait_for_mute_thread();
         expect_switch_done();
@@ -186,7 +187,7 @@ TEST_F(HandbackFaults, an_audio_mute_thread_that_cannot_be_started_is_logged_and
         (void)lines_now();
         tv().fail("pthread_create", err, 1);
         quarvel_video_output_notify_ta_switch(out_);
-        EXPECT_EQ(live_threads(), threads_before_);
+        EXPECT_EQ(ruvo_kit::thread_count(), threads_before_);
         EXPECT_EQ(lines_now(), std::vector<std::string>{v(N, "audio_mute_thread creation failed!")});
         expect_switch_done();
         EXPECT_EQ(tv().sound().value("main out mute"), 0);

@@ -1,4 +1,5 @@
 #include "mixer_faults.h"
+#include "ruvo_internal_audio.h"
 
 #include <alsa/asoundlib.h>
 

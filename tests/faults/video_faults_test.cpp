@@ -1,6 +1,7 @@
 // Fault matrix of the video output: open, close, first frame, per frame, positioning,
 // resolution change and timing, each driver request failed in turn.
 #include "fault_matrix.h"
+#include "ruvo_internal_video.h"
 
 using namespace faults;
 

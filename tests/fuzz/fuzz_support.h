@@ -8,7 +8,7 @@
 
 #include "emutv/emutv.h"
 #include "hmx_standin.h"
-#include "ruvo_internal.h"
+#include "ruvo/quarvel_video_output.h"
 
 namespace ruvo_fuzz {
 

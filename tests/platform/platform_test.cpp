@@ -5,6 +5,7 @@
 #include <unistd.h>
 #include <xf86drmMode.h>
 
+#include "emutv/lines.h"
 #include "test_support.h"
 
 using ruvo_test::PlatformTest;
@@ -90,4 +91,18 @@ TEST_F(EmulatedPlatform, marker_files_live_in_the_sandbox) {
     fclose(fp);
     EXPECT_STREQ(buf, "8");
     EXPECT_EQ(tv().sandbox_path("/tmp/RUVO"), tv().sandbox_root() + "/tmp/RUVO");
+}
+
+TEST(PlatformFileLines, SetsTheAudioDecodersBuffers) {
+    std::vector<emutv::lines::PlatformLine> lines;
+    std::string error;
+    ASSERT_TRUE(emutv::lines::parse_platform_file(
+        "platform compr-device /dev/snd/comprC0D0\nplatform compr buffer=16384 dsp=2048\n", "tv.platform", &lines,
+        &error))
+        << error;
+    emutv::platform().reset();
+    for (const auto& l : lines)
+        ASSERT_TRUE(emutv::lines::apply_platform_line(emutv::platform(), l));
+    EXPECT_EQ(emutv::platform().compr().ring_bytes, 16384u);
+    EXPECT_EQ(emutv::platform().compr().dsp_bytes, 2048);
 }

@@ -18,6 +18,7 @@
 #include "hmx_standin.h"
 #include "ruvo_log.h"
 #include "test_support.h"
+#include "ruvo_internal_video.h"
 
 namespace {
 

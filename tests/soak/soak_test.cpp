@@ -18,6 +18,7 @@
 #include "hmx_standin.h"
 #include "ruvo_log.h"
 #include "test_support.h"
+#include "ruvo_internal_video.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define RUVO_SOAK_SANITIZED 1

@@ -1,6 +1,6 @@
 #include "handle_catch.h"
 
-#include "new_hook.h"
+#include "ruvo_kit/alloc_interposer.h"
 
 namespace {
 
@@ -15,7 +15,7 @@ void catch_handle(void* p, size_t size) {
 }
 
 // Registered before main, so that no thread is allocating while the hook changes.
-const bool g_hooked = (ruvo_test::set_new_hook(catch_handle), true);
+const bool g_hooked = (ruvo_kit::set_new_hook(catch_handle), true);
 
 }  // namespace
 

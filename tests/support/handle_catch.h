@@ -1,6 +1,6 @@
 // Reaching a video output handle while open runs. Nothing in the library raises m_is_ta,
 // so a test that needs TA mode catches the handle at its allocation (through the operator
-// new hook, new_hook.h) and raises the flag at the first request of display discovery,
+// new hook, ruvo_kit/alloc_interposer.h) and raises the flag at the first request of display discovery,
 // once open has cleared it.
 #pragma once
 

@@ -4,6 +4,8 @@
 
 #include <regex>
 
+#include "ruvo_internal_debug.h"
+
 namespace {
 
 // googletest prints a failed assertion on stdout, which the fixtures capture while a test
@@ -82,19 +84,7 @@ std::string aline(const std::string& func, const std::string& text) {
 }
 
 v4l2_drm make_frame(uint32_t hres, uint32_t vres, uint32_t aspect, uint32_t inputport) {
-    v4l2_drm d;
-    memset(&d, 0, sizeof(d));
-    d.inputport = static_cast<v4l2_drm_inputport_type>(inputport);
-    d.u.dec_info.aspectratio = static_cast<v4l2_aspectratio_type>(aspect);
-    d.u.dec_info.hres = hres;
-    d.u.dec_info.vres = vres;
-    d.u.dec_info.effective_hres = hres;
-    d.u.dec_info.effective_vres = vres;
-    d.u.dec_info.framerate = 50000;
-    d.u.dec_info.pFrame[0].width = hres;
-    d.u.dec_info.pFrame[0].height = vres;
-    d.u.dec_info.pFrame[0].display_index = 1;
-    return d;
+    return ruvo_kit::FrameDescriptor(hres, vres).aspect(aspect).inputport(inputport).plane_size();
 }
 
 void PlatformTest::SetUp() {

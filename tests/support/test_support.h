@@ -1,5 +1,7 @@
 // Shared test fixtures: the emulated platform in its power-on state, captured standard
-// output with call-site numbers folded, and frame descriptor builders.
+// output with call-site numbers folded, and frame descriptor builders. It brings the public
+// headers and the driver records the suites read; the library's internals come from the
+// family headers (src/ruvo_internal_*.h) of the tests that call them.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,7 +11,16 @@
 
 #include "emutv/emutv.h"
 #include "emutv/models.h"
-#include "ruvo_internal.h"
+#include "ruvo/driver/compress_ext.h"
+#include "ruvo/driver/qvk_converter.h"
+#include "ruvo/driver/sdp_drm.h"
+#include "ruvo/driver/v4l2_drm.h"
+#include "ruvo/driver/vplt_ioctl.h"
+#include "ruvo/quarvel_audio_output.h"
+#include "ruvo/quarvel_video_output.h"
+#include "ruvo/ruvo_debug.h"
+#include "ruvo/wayland_render.h"
+#include "ruvo_kit/frame_descriptor.h"
 
 namespace ruvo_test {
 
@@ -37,7 +48,8 @@ std::string vline(const std::string& func, const std::string& text);
 // "[Func(): #]text" for an audio-style message.
 std::string aline(const std::string& func, const std::string& text);
 
-// A decoded frame descriptor.
+// A decoded frame descriptor whose first plane has the picture's size
+// (ruvo_kit::FrameDescriptor).
 v4l2_drm make_frame(uint32_t hres, uint32_t vres, uint32_t aspect = V4L2_ASPECTRATIO_TYPE_900_1600,
                     uint32_t inputport = V4L2_DRM_INPUTPORT_TYPE_MM);
 

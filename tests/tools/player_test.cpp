@@ -7,8 +7,11 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <algorithm>
+#include <cmath>
 #include <map>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -422,63 +425,62 @@ TEST_F(PlayerTest, PictureOfTheDefaultScenarioShowsThePlaneWhereTheTracePutIt) {
         attributes(svg.substr(svg.find("<svg "), svg.find('>', svg.find("<svg ")) - svg.find("<svg ")));
     ASSERT_EQ(root.at("data-panel-w"), "1920");
     ASSERT_EQ(root.at("data-panel-h"), "1080");
-    const double scale = tvsp::SvgLayout::kThumbWidth / 1920.0;
 
-    // Successful SETPLANE requests of the trace, by record number.
-    std::map<std::string, std::string> setplane;  // seq -> trace line
+    // Successful SETPLANE requests of the trace: time (us) and rectangle, in order.
+    struct Placement {
+        int64_t t_us;
+        std::string rect;
+    };
+    std::vector<Placement> setplane;
     static const std::regex trace_line(R"(^trace: t=(\S+) #(\d+) drm \S+ DRM_IOCTL_MODE_SETPLANE .* -> 0$)");
     for (const auto& l : lines("trace: ")) {
         std::smatch m;
         if (std::regex_match(l, m, trace_line))
-            setplane[m[2]] = l;
+            setplane.push_back(Placement{static_cast<int64_t>(std::llround(std::stod(m[1]) * 1000)),
+                                         std::to_string(field(l, "crtc_x")) + "," + std::to_string(field(l, "crtc_y")) +
+                                             "," + std::to_string(field(l, "crtc_w")) + "," +
+                                             std::to_string(field(l, "crtc_h"))});
     }
     ASSERT_GT(setplane.size(), 50u);  // the first placement, fifty moves, the new size, the hand-back
 
-    std::map<std::string, std::map<std::string, std::string>> panels;
-    for (const auto& p : elements(svg, "rect", "panel"))
-        panels[p.at("data-snap")] = p;
-    const auto planes = elements(svg, "rect", "plane");
-    ASSERT_EQ(planes.size(), panels.size());
-
-    std::map<std::string, int> seen;
-    for (const auto& r : planes) {
-        SCOPED_TRACE(r.at("id"));
-        const std::string& seq = r.at("data-seq");
-        ASSERT_TRUE(setplane.count(seq)) << "no SETPLANE #" << seq << " in the trace";
-        const std::string& t = setplane[seq];
-        seen[seq]++;
-        // Where the driver was told to put the plane ...
-        EXPECT_EQ(std::stoll(r.at("data-x")), field(t, "crtc_x"));
-        EXPECT_EQ(std::stoll(r.at("data-y")), field(t, "crtc_y"));
-        EXPECT_EQ(std::stoll(r.at("data-w")), field(t, "crtc_w"));
-        EXPECT_EQ(std::stoll(r.at("data-h")), field(t, "crtc_h"));
-        // ... drawn inside its panel at the panel's scale.
-        const auto& panel = panels.at(r.at("data-snap"));
-        EXPECT_NEAR(std::stod(r.at("x")), std::stod(panel.at("x")) + field(t, "crtc_x") * scale, 0.01);
-        EXPECT_NEAR(std::stod(r.at("y")), std::stod(panel.at("y")) + field(t, "crtc_y") * scale, 0.01);
-        EXPECT_NEAR(std::stod(r.at("width")), field(t, "crtc_w") * scale, 0.01);
-        EXPECT_NEAR(std::stod(r.at("height")), field(t, "crtc_h") * scale, 0.01);
+    // Each run of the plane between changes shows the rectangle of the last SETPLANE
+    // before the vsync that began it.
+    const auto runs = elements(svg, "rect", "plane-run");
+    ASSERT_FALSE(runs.empty());
+    std::set<std::string> drawn_rects;
+    for (const auto& r : runs) {
+        SCOPED_TRACE(r.at("data-from"));
+        const int64_t from = static_cast<int64_t>(std::llround(std::stod(r.at("data-from")) * 1000));
+        const std::string rect = r.at("data-x") + "," + r.at("data-y") + "," + r.at("data-w") + "," + r.at("data-h");
+        const Placement* last = nullptr;
+        for (const auto& p : setplane)
+            if (p.t_us <= from)
+                last = &p;
+        ASSERT_NE(last, nullptr);
+        EXPECT_EQ(rect, last->rect);
+        drawn_rects.insert(rect);
     }
-    // Every placement of the trace has its picture.
-    for (const auto& kv : setplane)
-        EXPECT_TRUE(seen.count(kv.first)) << "SETPLANE #" << kv.first << " not drawn";
+    // Every placement of the trace was on the panel for at least one vsync.
+    for (const auto& p : setplane)
+        EXPECT_TRUE(drawn_rects.count(p.rect)) << "SETPLANE at " << p.t_us << " us not drawn: " << p.rect;
+    EXPECT_EQ(elements(svg, "polyline", "plane-line").size(), 4u) << "x, y, w and h, each one line";
 
     // First: full screen, shown, from the browser's stream; last: the broadcast frame back
-    // in the corner the window had shrunk to.
-    const auto& first = planes.front();
-    EXPECT_EQ(first.at("data-t"), "0");
+    // in the corner the window had shrunk to, until the end of the picture.
+    const auto& first = runs.front();
+    EXPECT_EQ(first.at("data-from"), "16.683");  // the first vsync at 59.94 Hz
     EXPECT_EQ(first.at("data-w"), "1920");
     EXPECT_EQ(first.at("data-h"), "1080");
     EXPECT_EQ(first.at("data-muted"), "0");
     EXPECT_EQ(first.at("data-source"), "1");
-    const auto& last = planes.back();
-    EXPECT_EQ(last.at("data-t"), "5000");
+    const auto& last = runs.back();
     EXPECT_EQ(last.at("data-x"), "1344");
     EXPECT_EQ(last.at("data-y"), "756");
     EXPECT_EQ(last.at("data-w"), "576");
     EXPECT_EQ(last.at("data-h"), "324");
     EXPECT_EQ(last.at("data-muted"), "0");
     EXPECT_EQ(last.at("data-source"), "0");
+    EXPECT_EQ(last.at("data-to"), root.at("data-end"));
 
     // The delay curve carries every position the player read, in order.
     std::vector<std::pair<std::string, std::string>> reported;
@@ -495,13 +497,64 @@ TEST_F(PlayerTest, PictureOfTheDefaultScenarioShowsThePlaneWhereTheTracePutIt) {
     EXPECT_EQ(drawn.size(), 49u);
     EXPECT_EQ(drawn, reported);
 
-    // The time axis shows the stream's source and then the broadcast source.
+    // The time axis shows the stream's source and then, from the vsync after the
+    // hand-back at 5000 ms, the broadcast source.
     const auto sources = elements(svg, "rect", "source");
     ASSERT_EQ(sources.size(), 2u);
     EXPECT_EQ(sources[0].at("data-port"), "1");
-    EXPECT_EQ(sources[0].at("data-from"), "0");
-    EXPECT_EQ(sources[0].at("data-to"), "5000");
+    EXPECT_EQ(sources[0].at("data-from"), "16.683");
+    EXPECT_EQ(sources[0].at("data-to"), "5005.005");
     EXPECT_EQ(sources[1].at("data-port"), "0");
+    EXPECT_EQ(sources[1].at("data-from"), "5005.005");
+
+    // The events of one instant are each labelled; no two labels of a row overlap.
+    std::multiset<std::string> at_5000;
+    std::map<std::string, std::vector<std::pair<double, double>>> rows;
+    static const std::regex label(R"re(<text class="event-label" data-t="([^"]*)" data-what="([^"]*)" data-row="(\d+)" data-count="\d+" data-width="([^"]*)" x="([^"]*)")re");
+    for (std::sregex_iterator it(svg.begin(), svg.end(), label), end; it != end; ++it) {
+        if ((*it)[1] == "5000")
+            at_5000.insert((*it)[2]);
+        rows[(*it)[3]].emplace_back(std::stod((*it)[5]), std::stod((*it)[5]) + std::stod((*it)[4]));
+    }
+    EXPECT_EQ(at_5000, (std::multiset<std::string>{"audio-mute", "mute", "mute", "resolution", "source", "speed",
+                                                   "volume", "volume"}));
+    ASSERT_FALSE(rows.empty());
+    for (auto& kv : rows) {
+        std::sort(kv.second.begin(), kv.second.end());
+        for (size_t i = 1; i < kv.second.size(); ++i)
+            EXPECT_LE(kv.second[i - 1].second, kv.second[i].first) << "labels overlap in row " << kv.first;
+    }
+
+    // Frame pacing: 50 frames a second on a 59.94 Hz panel, one or two vsyncs per frame.
+    const auto pacing = elements(svg, "circle", "pacing");
+    ASSERT_GT(pacing.size(), 200u);
+    std::map<std::string, size_t> intervals;
+    for (const auto& p : pacing)
+        intervals[p.at("data-interval")]++;
+    EXPECT_EQ(intervals.size(), 2u);
+    EXPECT_GT(intervals["1"], intervals["2"]);
+    // The decoder's buffer and the no-space answers of the pushes.
+    EXPECT_FALSE(elements(svg, "polyline", "audio-fill").empty());
+    size_t no_space = 0;
+    for (const auto& l : lines("result: "))
+        no_space += l.find("quarvel_audio_output_push_data -> -2") != std::string::npos;
+    EXPECT_EQ(elements(svg, "line", "no-space").size(), no_space);
+}
+
+TEST_F(PlayerTest, PictureOfAnAudioOnlySessionDrawsNoPlane) {
+    std::string svg_path = dir_ + "/audio.svg";
+    ASSERT_EQ(play({"--svg", svg_path, std::string(RUVO_SCENARIO_DIR) + "/audio.scn"}), tvsp::kExitOk) << err_;
+    std::ifstream in(svg_path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    const std::string svg = ss.str();
+    EXPECT_TRUE(elements(svg, "rect", "plane-run").empty());
+    EXPECT_TRUE(elements(svg, "polyline", "plane-line").empty());
+    EXPECT_NE(svg.find(">the video plane was never programmed</text>"), std::string::npos);
+    // Two audio runs (before and after the stop): the delay curve is not joined across them,
+    // nor across the time nobody asked.
+    const auto curves = elements(svg, "polyline", "delay");
+    EXPECT_EQ(curves.size(), 3u);
 }
 
 TEST_F(PlayerTest, PictureGoesToTheScenarioNameInTheCurrentDirectoryByDefault) {
@@ -513,7 +566,7 @@ TEST_F(PlayerTest, PictureGoesToTheScenarioNameInTheCurrentDirectoryByDefault) {
     ASSERT_EQ(chdir(cwd), 0);
     EXPECT_EQ(rc, tvsp::kExitOk);
     EXPECT_TRUE(exists(dir_ + "/s.svg"));
-    EXPECT_TRUE(has_line("picture: s.svg (0 plane moments, 0 delay samples)"));
+    EXPECT_TRUE(has_line("picture: s.svg (1 vsyncs, 0 events, 0 delay samples)"));
 }
 
 }  // namespace

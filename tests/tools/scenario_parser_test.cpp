@@ -1,6 +1,8 @@
 // The scenario grammar of the session player: what a line means, and the exact message
 // for a line that cannot be run.
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 #include "scenario.h"
 
@@ -265,6 +267,82 @@ TEST(ScenarioParserErrors, AMissingFileIsReported) {
     std::string error;
     EXPECT_FALSE(tvsp::load_scenario("/nonexistent/s.scn", &sc, &error));
     EXPECT_EQ(error, "/nonexistent/s.scn: cannot read: No such file or directory");
+}
+
+TEST(ScenarioParserErrors, ADirectoryIsNoScenario) {
+    char dir[] = "/tmp/scenario-dir.XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    Scenario sc;
+    std::string error;
+    EXPECT_FALSE(tvsp::load_scenario(dir, &sc, &error));
+    EXPECT_EQ(error, std::string(dir) + ": cannot read: Is a directory (expected a scenario file)");
+    rmdir(dir);
+}
+
+TEST(ScenarioParserErrors, AnEmptyScenarioIsRefused) {
+    char path[] = "/tmp/empty-scenario.XXXXXX";
+    int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(write(fd, "# nothing but a comment\n\n", 25), 25);
+    close(fd);
+    Scenario sc;
+    std::string error;
+    EXPECT_FALSE(tvsp::load_scenario(path, &sc, &error));
+    EXPECT_EQ(error, std::string(path) + ": no command in the scenario (an empty scenario plays nothing)");
+    unlink(path);
+}
+
+// Names of requests and devices the emulator does not know would script a fault that
+// never fires.
+TEST(ScenarioParserErrors, AFaultOnAnUnknownRequestIsRefused) {
+    const std::string expected =
+        " (expected a request the emulator records (e.g. DRM_IOCTL_MODE_SETPLANE, FR2IP_SetPTS, "
+        "SNDRV_COMPRESS_START, write, pthread_create) or open:PATH / close:PATH of an emulated device node)";
+    EXPECT_EQ(parse_error("platform fail DRM_IOCTL_MODE_SETPLAN EBUSY always\n"),
+              "s.scn:1: platform fail: unknown request 'DRM_IOCTL_MODE_SETPLAN'" + expected);
+    EXPECT_EQ(parse_error("\nplatform fail open:/dev/kdolbyy EIO\n"),
+              "s.scn:2: platform fail: unknown request 'open:/dev/kdolbyy'" + expected);
+    EXPECT_EQ(parse_error("platform status FR2IP_SetPTZ 5\n"),
+              "s.scn:1: platform status: unknown request 'FR2IP_SetPTZ'" + expected);
+    // A compressed-offload node is known from its compr-device line on.
+    EXPECT_EQ(parse_error("platform fail open:/dev/snd/comprC0D0 EIO\n"),
+              "s.scn:1: platform fail: unknown request 'open:/dev/snd/comprC0D0'" + expected);
+    parse_ok("platform compr-device /dev/snd/comprC0D0\nplatform fail open:/dev/snd/comprC0D0 EIO\n"
+             "platform fail close:/dev/qvkvplt EIO\nplatform fail write EIO\nplatform fail pthread_create EAGAIN\n");
+}
+
+TEST(ScenarioParserErrors, VsyncIsInHzAndMeaninglessRatesAreRefused) {
+    Scenario sc = parse_ok("platform vsync 59.94\nplatform vsync 50 -1\nplatform vsync 0\n");
+    EXPECT_EQ(sc.commands[0].num("hz", 0), 59940);
+    EXPECT_EQ(sc.commands[1].num("hz", 0), 50000);
+    EXPECT_EQ(sc.commands[1].num("ret", 0), -1);
+    EXPECT_EQ(sc.commands[2].num("hz", 1), 0);
+    EXPECT_EQ(parse_error("platform vsync 50000\n"),
+              "s.scn:1: platform vsync: hz=50000 Hz is out of range (0..1000 Hz)");
+    EXPECT_EQ(parse_error("platform vsync 0.5\n"),
+              "s.scn:1: platform vsync: hz=0.5 is no panel refresh (1..1000 Hz, e.g. 50, 59.94, 60; 0 for a "
+              "driver that answers 0)");
+    EXPECT_EQ(parse_error("platform vsync -60\n"),
+              "s.scn:1: platform vsync: expected a rate in Hz (e.g. 50, 59.94 or 60) for hz, got '-60'");
+}
+
+TEST(ScenarioParserErrors, APanelSideOfZeroIsRefusedAndNoneMeansNoReportedSize) {
+    EXPECT_EQ(parse_error("platform panel 0 0\n"),
+              "s.scn:1: platform panel: a side of 0 is no panel (W and H are 1..16384; 'platform panel none' for "
+              "a connector that reports no size)");
+    EXPECT_EQ(parse_error("platform panel 1920 20000\n"),
+              "s.scn:1: platform panel: h=20000 is out of range (1..16384)");
+    Scenario sc = parse_ok("platform panel none\nplatform panel 1366 768\n");
+    EXPECT_EQ(sc.commands[0].cmd, Cmd::PlatformPanel);
+    EXPECT_EQ(sc.commands[0].num("w", -1), 0);
+    EXPECT_EQ(sc.commands[1].num("w", -1), 1366);
+}
+
+TEST(ScenarioParserErrors, TheTotalWorkOfALineIsBounded) {
+    EXPECT_EQ(parse_error("audio open /dev/x\naudio push 4096 count=1000000 max-retries=1000000 retry=1\n"),
+              "s.scn:2: audio push: count=1000000 with max-retries=1000000 may make 1000001000000 library calls; "
+              "a line makes at most 10000000 (count x (1 + max-retries))");
+    parse_ok("audio open /dev/x\naudio push 4096 count=9990 retry=1\n");  // 9990 x 1001
 }
 
 TEST(ScenarioTime, MillisecondsPrintWithoutTrailingZeros) {

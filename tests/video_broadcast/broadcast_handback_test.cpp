@@ -1,5 +1,4 @@
 // Hand-back to broadcast video at the end of an advertising break, on a main-plane handle.
-#include <dirent.h>
 #include <stdlib.h>
 #include <linux/videodev2.h>
 #include <unistd.h>
@@ -7,6 +6,7 @@
 #include <chrono>
 #include <thread>
 
+#include "ruvo_kit/threads.h"
 #include "test_support.h"
 
 using emutv::Device;
@@ -16,16 +16,6 @@ using ruvo_test::vline;
 
 namespace {
 
-int live_threads() {
-    int n = 0;
-    DIR* d = opendir("/proc/self/task");
-    while (struct dirent* e = readdir(d))
-        if (e->d_name[0] != '.')
-            n++;
-    closedir(d);
-    return n;
-}
-
 class BroadcastHandback : public PlatformTest {
   protected:
     void SetUp() override {
@@ -33,7 +23,7 @@ class BroadcastHandback : public PlatformTest {
         unsetenv("TA_DTV_PRELOAD");
         output_ = quarvel_video_output_open(false);
         ASSERT_NE(output_, nullptr);
-        threads_before_ = live_threads();
+        threads_before_ = ruvo_kit::thread_count();
         settle();
     }
     void TearDown() override {
@@ -73,7 +63,7 @@ class BroadcastHandback : public PlatformTest {
                     if (w.name == "main out mute" && w.value == 1)
                         mutes++;
             }
-            if (mutes >= writes_expected && live_threads() <= threads_before_)
+            if (mutes >= writes_expected && ruvo_kit::thread_count() <= threads_before_)
                 return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
@@ -124,7 +114,7 @@ TEST_F(BroadcastHandback, without_a_pending_switch_only_in_and_not_ta_case_are_l
               (std::vector<std::string>{vline("quarvel_video_output_notify_ta_switch", "in"),
                                         vline("quarvel_video_output_notify_ta_switch", "not TA case")}));
     EXPECT_TRUE(tv().events().empty());
-    EXPECT_EQ(live_threads(), threads_before_);
+    EXPECT_EQ(ruvo_kit::thread_count(), threads_before_);
 }
 
 TEST_F(BroadcastHandback, a_preload_value_other_than_1_is_no_switch) {

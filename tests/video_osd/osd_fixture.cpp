@@ -1,6 +1,5 @@
 #include "osd_fixture.h"
 
-#include <dirent.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -88,18 +87,6 @@ std::vector<std::string> Concat(std::initializer_list<std::vector<std::string>> 
     return out;
 }
 
-int LiveThreads() {
-    int n = 0;
-    DIR* d = opendir("/proc/self/task");
-    if (d == nullptr)
-        return -1;
-    while (struct dirent* e = readdir(d))
-        if (e->d_name[0] != '.')
-            n++;
-    closedir(d);
-    return n;
-}
-
 bool WaitForAudioMute(int threads) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (std::chrono::steady_clock::now() < deadline) {
@@ -109,7 +96,7 @@ bool WaitForAudioMute(int threads) {
             for (const auto& w : emutv::platform().sound().writes)
                 written = written || w.name == "main out mute";
         }
-        if (written && LiveThreads() <= threads)
+        if (written && ruvo_kit::thread_count() <= threads)
             return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }

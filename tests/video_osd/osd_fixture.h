@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "ruvo_kit/threads.h"
 #include "spine_fixture.h"
 #include "test_compositor.h"
 #include "wayland_fixture.h"
@@ -77,8 +78,6 @@ std::vector<std::string> DrawRequests(int buffer, int width, int height, int cal
 
 std::vector<std::string> Concat(std::initializer_list<std::vector<std::string>> parts);
 
-// Threads of the process (entries of /proc/self/task).
-int LiveThreads();
 // Waits, within a bound, until the audio-mute thread has written "main out mute" and the
 // process is back to `threads` threads. False when the bound passed first.
 bool WaitForAudioMute(int threads);

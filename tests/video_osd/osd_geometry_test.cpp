@@ -184,7 +184,7 @@ TEST_F(OsdSwitch, mutes_audio_and_collapses_the_window_without_any_display_reque
     ASSERT_NE(OpenWithWindow(), nullptr);
     void* const win = output_->m_window;
     setenv("TA_DTV_PRELOAD", "1", 1);
-    const int threads = LiveThreads();
+    const int threads = ruvo_kit::thread_count();
 
     quarvel_video_output_notify_ta_switch(output_);
     ASSERT_TRUE(WaitForAudioMute(threads));
@@ -230,7 +230,7 @@ TEST_F(OsdSwitch, mutes_audio_and_collapses_the_window_without_any_display_reque
 TEST_F(OsdSwitch, before_the_first_frame_the_renderer_reports_the_missing_window) {
     StartCompositor();
     ASSERT_NE(OpenReady(), nullptr);
-    const int threads = LiveThreads();
+    const int threads = ruvo_kit::thread_count();
 
     quarvel_video_output_notify_ta_switch(output_);
     ASSERT_TRUE(WaitForAudioMute(threads));
@@ -248,14 +248,14 @@ TEST_F(OsdSwitch, before_the_first_frame_the_renderer_reports_the_missing_window
 TEST_F(OsdSwitch, a_thread_that_cannot_start_is_reported_and_the_window_still_collapses) {
     ASSERT_NE(OpenWithWindow(), nullptr);
     tv().fail("pthread_create", EAGAIN);
-    const int threads = LiveThreads();
+    const int threads = ruvo_kit::thread_count();
 
     quarvel_video_output_notify_ta_switch(output_);
 
     EXPECT_EQ(lines(), (Lines{vline(kNotify, "in"), vline(kNotify, "audio_mute_thread creation failed!"),
                               vline(kGeometry, "in, x(0) y(0) w(0) h(0)"),
                               vline(kGeometry, "disable osd video display")}));
-    EXPECT_EQ(LiveThreads(), threads);
+    EXPECT_EQ(ruvo_kit::thread_count(), threads);
     EXPECT_TRUE(tv().events().empty());
     EXPECT_TRUE(tv().sound().writes.empty());
     EXPECT_EQ(comp().log(),

@@ -1,5 +1,6 @@
 // The per-frame call on the main video plane.
 #include "video_present_fixture.h"
+#include "ruvo_internal_video.h"
 
 using ruvo_test::vline;
 using namespace video_present;

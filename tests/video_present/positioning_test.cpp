@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include "video_present_fixture.h"
+#include "ruvo_internal_video.h"
 
 using ruvo_test::vline;
 using namespace video_present;

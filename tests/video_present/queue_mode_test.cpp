@@ -1,6 +1,7 @@
 // The display queue of the video-platform driver: size 0 while any handle shows frames,
 // counted across handles, back to the given size when the last holder lets go.
 #include "video_present_fixture.h"
+#include "ruvo_internal_video.h"
 
 using ruvo_test::vline;
 using namespace video_present;

@@ -1,5 +1,6 @@
 // Display source and mute of the main video plane, and the broadcast-switch test.
 #include "video_present_fixture.h"
+#include "ruvo_internal_video.h"
 
 using ruvo_test::vline;
 using namespace video_present;

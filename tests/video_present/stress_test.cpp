@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "video_present_fixture.h"
+#include "ruvo_internal_video.h"
 
 using namespace video_present;
 

@@ -1,5 +1,6 @@
 // Vsync timing, decoder frame usage and the presentation timestamp.
 #include "video_present_fixture.h"
+#include "ruvo_internal_video.h"
 
 using ruvo_test::vline;
 using namespace video_present;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "spine_fixture.h"
+#include "ruvo_internal_video.h"
 
 using ruvo_test::vline;
 using spine::bytes_of;

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "spine_fixture.h"
+#include "ruvo_internal_video.h"
 
 using emutv::HalMode;
 using ruvo_test::vline;

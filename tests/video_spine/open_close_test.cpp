@@ -10,6 +10,7 @@
 #include <algorithm>
 
 #include "spine_fixture.h"
+#include "ruvo_internal_video.h"
 
 using ruvo_test::vline;
 using spine::kAllLevels;

@@ -13,6 +13,7 @@
 
 #include "handle_catch.h"
 #include "spine_fixture.h"
+#include "ruvo_internal_video.h"
 
 using ruvo_test::vline;
 using spine::bytes_of;

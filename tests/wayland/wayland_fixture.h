@@ -17,7 +17,8 @@
 
 #include "test_compositor.h"
 #include "test_support.h"
-#include "wayland_render_internal.h"
+#include "ruvo_internal_debug.h"
+#include "ruvo_internal_render.h"
 
 namespace ruvo_test {
 

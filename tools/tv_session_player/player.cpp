@@ -19,6 +19,7 @@
 
 #include "emutv/emutv.h"
 #include "emutv/models.h"
+#include "emutv/timeline.h"
 #include "ruvo/quarvel_audio_output.h"
 #include "ruvo/quarvel_video_output.h"
 #include "svg.h"
@@ -27,9 +28,6 @@ namespace tvsp {
 
 namespace {
 
-// Compressed-offload start and stop requests (_IO('C', 0x32), _IO('C', 0x33)).
-constexpr unsigned long kComprStart = 0x4332;
-constexpr unsigned long kComprStop = 0x4333;
 constexpr uint32_t kMuteFunc = 1;  // DRM_SDP_FUNC_MUTE_ONOFF
 
 // The decoded stream as the scenario describes it; what frame lines leave behind.
@@ -119,75 +117,12 @@ void wait_for_threads(int baseline) {
     }
 }
 
-// The chip's audio decoder as the compressed-offload device shows it: a ring buffer the
-// library writes into, and a decoder that, once started, takes data from the ring into
-// its own buffer as soon as there is room and plays channels x 2 x rate bytes a second.
-class AudioDecoder {
-  public:
-    void configure(int64_t buffer, int64_t dsp) {
-        if (buffer > 0)
-            buffer_ = static_cast<uint64_t>(buffer);
-        if (dsp >= 0)
-            dsp_ = dsp;
-    }
-    void set_stream(uint32_t channels, uint32_t rate) {
-        rate_ = rate;
-        bytes_per_s_ = static_cast<uint64_t>(rate) * channels * 2;
-    }
-    // Called from the request listener (platform lock held).
-    void start(int64_t now) {
-        running_ = true;
-        last_us_ = now;
-    }
-    void stop(uint64_t bytes_written_total) {
-        running_ = false;
-        base_ = bytes_written_total;
-        played_e6_ = 0;
-        copied_ = 0;
-    }
-    void advance(int64_t now) {
-        if (running_ && now > last_us_) {
-            uint64_t written = written_bytes();
-            played_e6_ += bytes_per_s_ * static_cast<uint64_t>(now - last_us_);
-            played_e6_ = std::min<uint64_t>(played_e6_, written * 1000000ULL);
-        }
-        last_us_ = now;
-    }
-    // Writes the device's answers (avail, copied_total, remaining size) for this moment.
-    void publish() {
-        auto& tv = emutv::platform();
-        std::lock_guard<std::recursive_mutex> g(tv.mutex());
-        emutv::ComprModel& m = tv.compr();
-        uint64_t buffer = buffer_ ? buffer_ : static_cast<uint64_t>(m.min_fragment_size) * m.max_fragments;
-        int64_t dsp = dsp_ >= 0 ? dsp_ : 2 * static_cast<int64_t>(m.min_fragment_size);
-        uint64_t written = m.bytes_written >= base_ ? m.bytes_written - base_ : 0;
-        uint64_t played = played_e6_ / 1000000ULL;
-        if (running_)
-            copied_ = std::max(copied_, std::min<uint64_t>(written, played + static_cast<uint64_t>(dsp)));
-        uint64_t queued = written - std::min(written, copied_);
-        m.consume_on_write = false;
-        m.avail = buffer > queued ? buffer - queued : 0;
-        m.copied_total = static_cast<uint32_t>(copied_);
-        if (rate_) {
-            m.sampling_rate = rate_;
-            m.remain = (copied_ - std::min(copied_, played)) * 48000ULL / rate_;
-        }
-    }
-
-  private:
-    uint64_t written_bytes() const {
-        auto& m = emutv::platform().compr();
-        return m.bytes_written >= base_ ? m.bytes_written - base_ : 0;
-    }
-    uint64_t buffer_ = 0;  // 0: from the device's fragment sizes
-    int64_t dsp_ = -1;     // -1: two fragments
-    uint32_t rate_ = 0;
-    uint64_t bytes_per_s_ = 0;
-    bool running_ = false;
-    int64_t last_us_ = 0;
-    uint64_t base_ = 0;
-    uint64_t played_e6_ = 0;  // bytes played, times 10^6
-    uint64_t copied_ = 0;
+// What the driver was last told about the main plane.
+struct PlaneState {
+    int32_t x = 0, y = 0;
+    uint32_t w = 0, h = 0;
+    bool muted = true;  // the video stays muted until the first unmute
+    int port = -1;      // input port of the last SET_DP_SOURCE, -1 before any
 };
 
 struct TrackRun {
@@ -231,7 +166,9 @@ class Session {
 
     // Requests
     void on_event(const emutv::Event& e);
+    void no_space();
     void summary();
+    void timeline_summary();
     bool write_svg();
 
     const Scenario& sc_;
@@ -246,17 +183,16 @@ class Session {
     quarvel_video_output_rect_t last_rect_{};
     quarvel_video_output_rect_t last_shown_{};
     uint32_t channels_ = 0;
-    AudioDecoder decoder_;
 
     // What the driver was told (from the record).
     std::map<std::string, size_t> requests_;
     size_t total_requests_ = 0;
-    bool have_plane_ = false;
-    PlaneSnapshot plane_;  // current state; t_us and call filled per moment
-    size_t plane_changes_ = 0;
+    PlaneState plane_;
     size_t setplanes_ = 0, mutes_ = 0, unmutes_ = 0;
     std::vector<std::string> source_changes_;
-    std::vector<PlaneSnapshot> moments_;
+    std::vector<emutv::TimelineEntry> timeline_;  // the emulated TV's log
+    std::vector<CallMark> marks_;                  // unexpected results, no-space answers
+    int audio_run_ = 0;
 
     // Calls
     size_t calls_ = 0;
@@ -267,7 +203,6 @@ class Session {
     uint64_t audio_frames_ = 0;
     std::vector<DelaySample> delays_;
     int panel_w_ = 0, panel_h_ = 0;
-    size_t call_mark_ = 0;                                         // plane_changes_ at the start of the call
     std::map<const Command*, std::array<int64_t, 4>> move_start_;  // where a moving window began
 };
 
@@ -346,13 +281,7 @@ void Session::run_line_step(TrackRun& t) {
 }
 
 void Session::begin_call(const Command& c, const std::string& what) {
-    decoder_.advance(now_.load());
-    decoder_.publish();
     calls_++;
-    {
-        std::lock_guard<std::mutex> g(mu_);
-        call_mark_ = plane_changes_;
-    }
     if (opt_.calls)
         printf("call: t=%s %s %s%s\n", format_ms(now_.load()).c_str(), c.where().c_str(), what.c_str(),
                c.null_handle() ? " with a null handle" : "");
@@ -372,13 +301,9 @@ void Session::end_call(const Command& c, const char* fn, int64_t result, int64_t
         fprintf(stderr, "%s: %s returned %" PRId64 ", expected %" PRId64 "\n", c.where().c_str(), fn, result,
                 expected);
     }
-    std::lock_guard<std::mutex> g(mu_);
-    if (plane_changes_ != call_mark_) {
-        PlaneSnapshot s = plane_;
-        s.t_us = now_.load();
-        s.call = fn;
-        s.has_rect = have_plane_;
-        moments_.push_back(s);
+    if (!ok) {
+        std::lock_guard<std::mutex> g(mu_);
+        marks_.push_back(CallMark{now_.load(), "unexpected", fn});
     }
 }
 
@@ -569,7 +494,7 @@ StepResult Session::execute_call(const Command& c, int64_t step, int64_t retries
                 if (res == 0) {
                     frames_ok_++;
                     std::lock_guard<std::mutex> g(mu_);
-                    if (have_plane_ && !plane_.muted)
+                    if (setplanes_ > 0 && !plane_.muted)
                         frames_shown_++;
                 }
             }
@@ -663,6 +588,7 @@ StepResult Session::execute_call(const Command& c, int64_t step, int64_t retries
             const std::string& path = c.arg("path").text;
             begin_call(c, std::string(fn) + "(\"" + path + "\")");
             audio_ = quarvel_audio_output_open(path.c_str());
+            audio_run_++;
             // A failed open releases the handle with a line that has no newline of its own.
             if (!audio_)
                 printf("\n");
@@ -680,10 +606,8 @@ StepResult Session::execute_call(const Command& c, int64_t step, int64_t retries
             begin_call(c, std::string(fn) + "(channels=" + std::to_string(p.channels) +
                               " sample_rate=" + std::to_string(p.sample_rate) + ")");
             int res = quarvel_audio_output_setup(h, &p);
-            if (res == 0 && h) {
+            if (res == 0 && h)
                 channels_ = p.channels;
-                decoder_.set_stream(p.channels, p.sample_rate);
-            }
             end_call(c, fn, res, expected, "");
             break;
         }
@@ -703,6 +627,7 @@ StepResult Session::execute_call(const Command& c, int64_t step, int64_t retries
                 res = quarvel_audio_output_start(h);
             } else if (c.cmd == Cmd::AudioStop) {
                 res = quarvel_audio_output_stop(h);
+                audio_run_++;
             } else {
                 quarvel_audio_output_info_s info{};
                 res = quarvel_audio_output_get_info(h, &info);
@@ -712,7 +637,7 @@ StepResult Session::execute_call(const Command& c, int64_t step, int64_t retries
                              info.frames_delay, info.bytes_free, info.remain_size);
                     detail = buf;
                     std::lock_guard<std::mutex> g(mu_);
-                    delays_.push_back(DelaySample{now_.load(), info.frames_delay});
+                    delays_.push_back(DelaySample{now_.load(), info.frames_delay, audio_run_});
                 }
             }
             end_call(c, fn, res, expected, detail);
@@ -754,6 +679,7 @@ StepResult Session::execute_call(const Command& c, int64_t step, int64_t retries
                 break;
             begin_call(c, std::string(fn) + (h ? "()" : "(null)"));
             quarvel_audio_output_close(h);
+            audio_run_++;
             if (h)
                 audio_ = nullptr;
             // The library's release line carries no newline of its own.
@@ -776,14 +702,14 @@ StepResult Session::execute_call(const Command& c, int64_t step, int64_t retries
             int res = quarvel_audio_output_push_data(h, data.data(), size, extra);
             const bool retrying = res == -2 && c.has("retry") && expected != -2;
             if (retrying && retries < c.num("max-retries", 1000)) {
-                backpressure_++;
+                no_space();
                 end_call(c, fn, res, res, "no space, retry in " + format_ms(c.num("retry", 0)) + " ms");
                 sr.retry = true;
                 sr.retry_us = c.num("retry", 0);
                 break;
             }
             if (retrying) {
-                backpressure_++;
+                no_space();
                 end_call(c, fn, res, expected, "no space after " + std::to_string(retries) + " retries");
                 break;
             }
@@ -793,7 +719,7 @@ StepResult Session::execute_call(const Command& c, int64_t step, int64_t retries
                 if (channels_)
                     audio_frames_ += (size / 2) / channels_;
             } else if (res == -2) {
-                backpressure_++;
+                no_space();
             }
             end_call(c, fn, res, expected, "");
             break;
@@ -813,81 +739,7 @@ void Session::execute_platform(const Command& c) {
     if (opt_.calls)
         printf("platform: t=%s %s %s\n", format_ms(now).c_str(), c.where().c_str(), text.c_str());
     std::lock_guard<std::recursive_mutex> g(tv.mutex());
-    switch (c.cmd) {
-        case Cmd::PlatformAbsent:
-            tv.set_present(c.arg("path").text, false);
-            break;
-        case Cmd::PlatformPresent:
-            tv.set_present(c.arg("path").text, true);
-            break;
-        case Cmd::PlatformComprDevice:
-            tv.add_compr_device(c.arg("path").text);
-            break;
-        case Cmd::PlatformFail:
-            tv.fail(c.arg("request").text, static_cast<int>(c.num("errno", EIO)),
-                    static_cast<int>(c.num("times", 1)));
-            break;
-        case Cmd::PlatformStatus:
-            tv.fail_status(c.arg("request").text, static_cast<int32_t>(c.num("status", 0)),
-                           static_cast<int>(c.num("times", 1)));
-            break;
-        case Cmd::PlatformClearFaults:
-            tv.clear_faults();
-            break;
-        case Cmd::PlatformPanel:
-            for (auto& con : tv.drm().connectors) {
-                con.mm_width = static_cast<uint32_t>(c.num("w", 0));
-                con.mm_height = static_cast<uint32_t>(c.num("h", 0));
-            }
-            break;
-        case Cmd::PlatformHal: {
-            static const emutv::HalMode modes[] = {emutv::HalMode::Absent,       emutv::HalMode::Working,
-                                                   emutv::HalMode::NoInitSymbol, emutv::HalMode::InitFails,
-                                                   emutv::HalMode::NoGetSymbol,  emutv::HalMode::GetFails,
-                                                   emutv::HalMode::GetsZero};
-            tv.set_hal(modes[c.num("mode", 0)]);
-            break;
-        }
-        case Cmd::PlatformVsync:
-            tv.vplt().vsync_hz = static_cast<int32_t>(c.num("hz", 59940));
-            tv.vplt().vsync_hz_ret = static_cast<int32_t>(c.num("ret", 0));
-            break;
-        case Cmd::PlatformVsyncOffset:
-            tv.vplt().offset_sec = static_cast<int32_t>(c.num("sec", 0));
-            tv.vplt().offset_nsec = static_cast<int32_t>(c.num("nsec", 0));
-            tv.vplt().offset_ret = static_cast<int32_t>(c.num("ret", 0));
-            break;
-        case Cmd::PlatformDecoderFrames:
-            tv.vplt().frames[0] = static_cast<int32_t>(c.num("dec0", 0));
-            tv.vplt().frames[1] = static_cast<int32_t>(c.num("dec1", 0));
-            break;
-        case Cmd::PlatformDolbyRewrite:
-            tv.dolby().rewrite = true;
-            tv.dolby().rewrite_to = static_cast<int32_t>(c.num("profile", 0));
-            break;
-        case Cmd::PlatformBroadcast: {
-            v4l2_drm cur;
-            memcpy(&cur, tv.decoder().display_frame.data(), sizeof(cur));
-            FrameFormat f;
-            f.w = cur.u.dec_info.hres;
-            f.h = cur.u.dec_info.vres;
-            f.aspect = static_cast<uint32_t>(cur.u.dec_info.aspectratio);
-            f.framerate = cur.u.dec_info.framerate;
-            f.port = static_cast<uint32_t>(cur.inputport);
-            apply_format(c, &f);
-            v4l2_drm d = make_descriptor(f, 1);
-            memcpy(tv.decoder().display_frame.data(), &d, sizeof(d));
-            break;
-        }
-        case Cmd::PlatformCompr:
-            decoder_.configure(c.num("buffer", 0), c.num("dsp", -1));
-            break;
-        case Cmd::PlatformLogmask:
-            tv.sandbox_write("/tmp/RUVO", std::to_string(c.num("value", 0)));
-            break;
-        default:
-            break;
-    }
+    emutv::lines::apply_platform_line(tv, c.platform_line());
 }
 
 void Session::on_event(const emutv::Event& e) {
@@ -900,14 +752,11 @@ void Session::on_event(const emutv::Event& e) {
                emutv::describe(e).c_str());
     if (e.device == emutv::Device::Drm && e.kind == emutv::Kind::Ioctl && e.result == 0) {
         if (e.name == "DRM_IOCTL_MODE_SETPLANE") {
-            have_plane_ = true;
-            plane_.seq = e.seq;
             plane_.x = static_cast<int32_t>(e.field("crtc_x"));
             plane_.y = static_cast<int32_t>(e.field("crtc_y"));
             plane_.w = static_cast<uint32_t>(e.field("crtc_w"));
             plane_.h = static_cast<uint32_t>(e.field("crtc_h"));
             setplanes_++;
-            plane_changes_++;
         } else if (e.name == "DRM_IOCTL_SDP_SET_ONOFF" && e.has("set_func") &&
                    static_cast<uint32_t>(e.field("set_func")) == kMuteFunc) {
             plane_.muted = e.field("onoff_flag") != 0;
@@ -915,23 +764,60 @@ void Session::on_event(const emutv::Event& e) {
                 mutes_++;
             else
                 unmutes_++;
-            plane_changes_++;
         } else if (e.name == "DRM_IOCTL_SDP_SET_DP_SOURCE") {
             int port = static_cast<int>(e.field("inputport"));
             if (port != plane_.port) {
                 source_changes_.push_back(std::string(plane_.port < 0 ? "none" : port_name(plane_.port)) +
                                           "->" + port_name(port) + " at " + format_ms(now) + " ms");
                 plane_.port = port;
-                plane_changes_++;
             }
         }
     }
-    if (e.device == emutv::Device::Compr && e.kind == emutv::Kind::Ioctl && e.result == 0) {
-        if (e.request == kComprStart)
-            decoder_.start(now);
-        if (e.request == kComprStop)
-            decoder_.stop(emutv::platform().compr().bytes_written);
+}
+
+void Session::no_space() {
+    backpressure_++;
+    std::lock_guard<std::mutex> g(mu_);
+    marks_.push_back(CallMark{now_.load(), "no-space", "quarvel_audio_output_push_data"});
+}
+
+// What the panel showed and the loudspeakers played, from the emulated TV's log.
+void Session::timeline_summary() {
+    size_t vsyncs = 0, latched = 0, repeated = 0, shown = 0, periods = 0;
+    int64_t dropped = 0, prev_ns = -1, last_ns = -1;
+    uint64_t played = 0;
+    const emutv::TimelineEntry* last_audio = nullptr;
+    for (const auto& e : timeline_) {
+        if (e.type == emutv::TimelineEntry::Type::Vsync) {
+            vsyncs++;
+            prev_ns = last_ns;
+            last_ns = e.t_ns;
+            if (e.fresh)
+                latched++;
+            else if (e.frame >= 0)
+                repeated++;
+            dropped += e.dropped;
+            if (e.has_plane && !e.muted && e.w && e.h)
+                shown++;
+        } else if (e.type == emutv::TimelineEntry::Type::Audio) {
+            periods++;
+            played += e.played;
+            last_audio = &e;
+        }
     }
+    // The panel rate at the end, from the last two vsyncs.
+    char hz[40] = "";
+    if (prev_ns >= 0 && last_ns > prev_ns)
+        snprintf(hz, sizeof(hz), " at %.2f Hz", 1e9 / static_cast<double>(last_ns - prev_ns));
+    printf("summary: panel %zu vsyncs%s, frames latched %zu, repeated %zu, dropped %" PRId64
+           ", plane shown at %zu vsyncs\n",
+           vsyncs, hz, latched, repeated, dropped, shown);
+    if (last_audio)
+        printf("summary: audio decoder %zu periods, frames played %" PRIu64
+               ", media time at the end %s ms, undecodable %" PRIu64 " bytes\n",
+               periods, played, format_ms(last_audio->media_us).c_str(), last_audio->undecodable);
+    else
+        printf("summary: audio decoder never played\n");
 }
 
 void Session::summary() {
@@ -964,6 +850,7 @@ void Session::summary() {
         printf("summary: delays reported %zu, frames_delay min %u max %u last %u\n", delays_.size(), mn, mx,
                delays_.back().frames_delay);
     }
+    timeline_summary();
     if (video_)
         printf("summary: the video output is still open at the end\n");
     if (audio_)
@@ -986,18 +873,21 @@ bool Session::write_svg() {
     pic.end_us = now_.load();
     {
         std::lock_guard<std::mutex> g(mu_);
-        pic.snapshots = moments_;
+        pic.timeline = timeline_;
         pic.delays = delays_;
+        pic.marks = marks_;
     }
+    PictureCounts counts;
+    const std::string svg = render_svg(pic, &counts);
     std::ofstream f(path, std::ios::binary | std::ios::trunc);
-    f << render_svg(pic);
+    f << svg;
     f.close();
     if (!f) {
         fprintf(stderr, "%s: cannot write the picture\n", path.c_str());
         return false;
     }
-    printf("picture: %s (%zu plane moments, %zu delay samples)\n", path.c_str(), pic.snapshots.size(),
-           pic.delays.size());
+    printf("picture: %s (%zu vsyncs, %zu events, %zu delay samples)\n", path.c_str(), counts.vsyncs,
+           counts.events, counts.delays);
     return true;
 }
 
@@ -1023,6 +913,18 @@ int Session::run() {
     tv.set_recording(false);
     unsetenv("TA_DTV_PRELOAD");
     tv.set_listener([this](const emutv::Event& e) { on_event(e); });
+    // The chip's audio decoder plays the generated blocks as 16-bit PCM of the setup's
+    // channels and rate, in the player's virtual time.
+    tv.set_clock_mode(emutv::ClockMode::Virtual);
+    tv.set_timeline_listener([this](const emutv::TimelineEntry& e) {
+        std::lock_guard<std::mutex> g(mu_);
+        timeline_.push_back(e);
+    });
+    {
+        std::lock_guard<std::recursive_mutex> g(tv.mutex());
+        tv.compr().answers = emutv::ComprModel::Answers::Modelled;
+        tv.compr().pacing = emutv::AudioDecoder::Pacing::Pcm;
+    }
 
     std::vector<TrackRun> tracks(sc_.tracks.size());
     for (const Command& c : sc_.commands)
@@ -1037,12 +939,19 @@ int Session::run() {
         if (!next)
             break;
         now_.store(std::max(now_.load(), next->due));
+        tv.set_virtual_time_ns(now_.load() * 1000);
         run_line_step(*next);
     }
     release_left_open();
     fflush(stdout);
     tv.set_listener(nullptr);
-    decoder_.advance(now_.load());
+    // The panel shows what the session left on it for one more vsync.
+    {
+        std::lock_guard<std::recursive_mutex> g(tv.mutex());
+        const int32_t hz = tv.vplt().vsync_hz > 0 ? tv.vplt().vsync_hz : 59940;
+        tv.set_virtual_time_ns(now_.load() * 1000 + 1000000000000LL / hz);
+        tv.set_timeline_listener(nullptr);
+    }
     summary();
     bool pic_ok = !opt_.write_svg || write_svg();
     printf("summary: %s\n", mismatches_ == 0 && pic_ok ? "OK" : "FAILED");
@@ -1071,10 +980,12 @@ emulated TV platform, in virtual time. Prints, in order of happening:
   summary: ...                                   requests per kind, frames shown,
                                                  hides, source changes, audio frames
                                                  pushed, delays reported
-and draws the session as an SVG picture: the panel at each moment the video plane
-was programmed, muted, unmuted or re-sourced (the rectangle from the SETPLANE
-request, scaled to the panel), the plane state and input source along the time
-axis, and the audio delay (frames_delay) beneath.
+and draws the session as an SVG picture from the emulated TV's timeline (vsyncs at
+the panel rate in virtual time): the video plane's x, y, w and h over time with its
+shown/muted and source bands, the events (mute, source, resolution, volume, speed,
+failed requests, unexpected results), frame pacing against vsync, the audio
+decoder's buffer with the no-space answers, and the audio delay (frames_delay).
+RUVO_EMUTV_LOG=FILE also writes that timeline as JSON lines.
 
 Options:
   --svg FILE     write the picture to FILE (default: SCENARIO's name with .svg,

@@ -1,11 +1,14 @@
 // Scenario parser of the TV session player.
 #include "scenario.h"
 
+#include "emutv/lines.h"
+
 #include <errno.h>
 #include <math.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <fstream>
 #include <set>
@@ -15,39 +18,15 @@ namespace tvsp {
 
 namespace {
 
-constexpr int64_t kI32Min = -2147483648LL;
-constexpr int64_t kI32Max = 2147483647LL;
-constexpr int64_t kU32Max = 4294967295LL;
-constexpr int64_t kI64Min = INT64_MIN;
-constexpr int64_t kI64Max = INT64_MAX;
+using emutv::lines::kI32Max;
+using emutv::lines::kI32Min;
+using emutv::lines::kI64Max;
+using emutv::lines::kI64Min;
+using emutv::lines::kU32Max;
+using emutv::lines::LineError;
+using emutv::lines::ParamDef;
+using emutv::lines::T;
 constexpr int64_t kDayMs = 86400000LL;
-
-enum class T {
-    Int,      // integer in [min, max]
-    Ms,       // milliseconds with up to three decimals, stored in microseconds
-    Real,     // finite real number in [min, max]
-    Size,     // WxH, each in [min, max]
-    Rect,     // x,y,w,h: x, y signed 32-bit, w, h unsigned 32-bit
-    Dar,      // W:H, each unsigned 32-bit
-    Port,     // input port name or number
-    Errno,    // errno name or number
-    Times,    // 1.., -1 or "always"
-    Path,     // any non-empty text
-    Request,  // a request name as recorded by the emulator
-    Hal,      // board HAL behaviour
-    Name,     // track name
-    Handle,   // "null"
-    Bool,     // 0 or 1
-};
-
-struct ParamDef {
-    const char* name;
-    T type;
-    int64_t min;
-    int64_t max;
-    bool required;
-    bool positional;
-};
 
 enum : unsigned {
     kCall = 1u << 0,    // a library call: count, every, expect, handle
@@ -87,57 +66,6 @@ const std::vector<CommandDef>& commands() {
         {"track", Cmd::Track, 0, {{"name", T::Name, 0, 0, true, true}}},
         {"at", Cmd::At, 0, {{"ms", T::Ms, 0, kDayMs, true, true}}},
         {"wait", Cmd::Wait, 0, {{"ms", T::Ms, 0, kDayMs, true, true}}},
-        {"platform absent", Cmd::PlatformAbsent, 0, {{"path", T::Path, 0, 0, true, true}}},
-        {"platform present", Cmd::PlatformPresent, 0, {{"path", T::Path, 0, 0, true, true}}},
-        {"platform compr-device", Cmd::PlatformComprDevice, 0, {{"path", T::Path, 0, 0, true, true}}},
-        {"platform fail",
-         Cmd::PlatformFail,
-         0,
-         {{"request", T::Request, 0, 0, true, true},
-          {"errno", T::Errno, 1, 4095, true, true},
-          {"times", T::Times, 1, 1000000, false, true}}},
-        {"platform status",
-         Cmd::PlatformStatus,
-         0,
-         {{"request", T::Request, 0, 0, true, true},
-          {"status", T::Int, kI32Min, kI32Max, true, true},
-          {"times", T::Times, 1, 1000000, false, true}}},
-        {"platform clear-faults", Cmd::PlatformClearFaults, 0, {}},
-        {"platform panel",
-         Cmd::PlatformPanel,
-         0,
-         {{"w", T::Int, 0, kU32Max, true, true}, {"h", T::Int, 0, kU32Max, true, true}}},
-        {"platform hal", Cmd::PlatformHal, 0, {{"mode", T::Hal, 0, 0, true, true}}},
-        {"platform vsync",
-         Cmd::PlatformVsync,
-         0,
-         {{"hz", T::Int, kI32Min, kI32Max, true, true}, {"ret", T::Int, kI32Min, kI32Max, false, true}}},
-        {"platform vsync-offset",
-         Cmd::PlatformVsyncOffset,
-         0,
-         {{"sec", T::Int, kI32Min, kI32Max, true, true},
-          {"nsec", T::Int, kI32Min, kI32Max, true, true},
-          {"ret", T::Int, kI32Min, kI32Max, false, true}}},
-        {"platform decoder-frames",
-         Cmd::PlatformDecoderFrames,
-         0,
-         {{"dec0", T::Int, kI32Min, kI32Max, true, true}, {"dec1", T::Int, kI32Min, kI32Max, true, true}}},
-        {"platform dolby-rewrite",
-         Cmd::PlatformDolbyRewrite,
-         0,
-         {{"profile", T::Int, kI32Min, kI32Max, true, true}}},
-        {"platform broadcast",
-         Cmd::PlatformBroadcast,
-         0,
-         {{"size", T::Size, 0, kU32Max, false, false},
-          {"aspect", T::Int, 0, kU32Max, false, false},
-          {"port", T::Port, 0, 14, false, false},
-          {"framerate", T::Int, 0, kU32Max, false, false}}},
-        {"platform compr",
-         Cmd::PlatformCompr,
-         0,
-         {{"buffer", T::Int, 1, 16 << 20, false, false}, {"dsp", T::Int, 0, 16 << 20, false, false}}},
-        {"platform logmask", Cmd::PlatformLogmask, 0, {{"value", T::Int, kI32Min, kI32Max, true, true}}},
         {"video open", Cmd::VideoOpen, kCall | kOpens, {{"ta", T::Bool, 0, 1, false, true}}},
         {"video close", Cmd::VideoClose, kCall | kVideo | kVoid, {}},
         {"video panel", Cmd::VideoPanel, kCall | kVideo | kVoid | kNoNull, {}},
@@ -206,319 +134,6 @@ const std::vector<ParamDef>& call_params() {
     return p;
 }
 
-const char* const kPortNames[] = {"dtv",   "mm",    "atv",  "av",         "component",
-                                  "rgb",   "dvi",   "hdmi", "main_clone", "jpeg_swdec",
-                                  "mjpeg", "scart", "dsp",  "lvdxrx",     "max"};
-
-const char* const kHalModes[] = {"absent",        "working",   "no-init-symbol", "init-fails",
-                                 "no-get-symbol", "get-fails", "gets-zero"};
-
-struct ErrnoName {
-    const char* name;
-    int value;
-};
-const ErrnoName kErrnos[] = {
-    {"EPERM", EPERM},           {"ENOENT", ENOENT}, {"EINTR", EINTR},   {"EIO", EIO},
-    {"ENXIO", ENXIO},           {"EBADF", EBADF},   {"EAGAIN", EAGAIN}, {"ENOMEM", ENOMEM},
-    {"EACCES", EACCES},         {"EFAULT", EFAULT}, {"EBUSY", EBUSY},   {"EEXIST", EEXIST},
-    {"ENODEV", ENODEV},         {"EINVAL", EINVAL}, {"EMFILE", EMFILE}, {"ENOTTY", ENOTTY},
-    {"ENOSPC", ENOSPC},         {"EPIPE", EPIPE},   {"ENOSYS", ENOSYS}, {"ETIMEDOUT", ETIMEDOUT},
-    {"EOPNOTSUPP", EOPNOTSUPP},
-};
-
-std::string trim(const std::string& s) {
-    size_t b = s.find_first_not_of(" \t\r");
-    if (b == std::string::npos)
-        return std::string();
-    size_t e = s.find_last_not_of(" \t\r");
-    return s.substr(b, e - b + 1);
-}
-
-std::vector<std::string> split_ws(const std::string& s) {
-    std::vector<std::string> out;
-    std::istringstream is(s);
-    std::string tok;
-    while (is >> tok)
-        out.push_back(tok);
-    return out;
-}
-
-// Signed integer, decimal or 0x hexadecimal; false on anything else or on overflow.
-bool to_int(const std::string& s, int64_t* out) {
-    if (s.empty())
-        return false;
-    const char* p = s.c_str();
-    bool neg = false;
-    if (*p == '-' || *p == '+') {
-        neg = *p == '-';
-        ++p;
-    }
-    int base = 10;
-    if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) {
-        base = 16;
-        p += 2;
-    }
-    if (*p == '\0')
-        return false;
-    for (const char* q = p; *q; ++q) {
-        bool ok = base == 16 ? isxdigit(static_cast<unsigned char>(*q)) != 0 : (*q >= '0' && *q <= '9');
-        if (!ok)
-            return false;
-    }
-    errno = 0;
-    unsigned long long mag = strtoull(p, nullptr, base);
-    if (errno == ERANGE)
-        return false;
-    if (neg) {
-        if (mag > 9223372036854775808ULL)
-            return false;
-        *out = mag == 9223372036854775808ULL ? INT64_MIN : -static_cast<int64_t>(mag);
-    } else {
-        if (mag > static_cast<unsigned long long>(INT64_MAX))
-            return false;
-        *out = static_cast<int64_t>(mag);
-    }
-    return true;
-}
-
-// Milliseconds with up to three decimals, as microseconds.
-bool to_us(const std::string& s, int64_t* out) {
-    size_t dot = s.find('.');
-    std::string whole = s.substr(0, dot);
-    std::string frac = dot == std::string::npos ? std::string() : s.substr(dot + 1);
-    if (whole.empty() || whole.size() > 12)
-        return false;
-    if (dot != std::string::npos && (frac.empty() || frac.size() > 3))
-        return false;
-    for (char c : whole + frac)
-        if (c < '0' || c > '9')
-            return false;
-    int64_t us = std::stoll(whole) * 1000;
-    if (!frac.empty()) {
-        while (frac.size() < 3)
-            frac += '0';
-        us += std::stoll(frac);
-    }
-    *out = us;
-    return true;
-}
-
-bool to_real(const std::string& s, double* out) {
-    if (s.empty())
-        return false;
-    char* end = nullptr;
-    errno = 0;
-    double d = strtod(s.c_str(), &end);
-    if (end == nullptr || *end != '\0' || errno == ERANGE || !std::isfinite(d))
-        return false;
-    // Only plain decimal notation: no hexadecimal floats, no "inf" or "nan".
-    for (char c : s)
-        if (!(c == '-' || c == '+' || c == '.' || (c >= '0' && c <= '9') || c == 'e' || c == 'E'))
-            return false;
-    *out = d;
-    return true;
-}
-
-std::string range_text(int64_t min, int64_t max) {
-    return "(" + std::to_string(min) + ".." + std::to_string(max) + ")";
-}
-
-class LineError {
-  public:
-    explicit LineError(std::string m) : message(std::move(m)) {}
-    std::string message;
-};
-
-// Checks one value against its parameter; throws LineError.
-Arg check_value(const std::string& cmd, const ParamDef& p, const std::string& value) {
-    Arg a;
-    a.text = value;
-    const std::string what = cmd + ": ";
-    auto in_range = [&](int64_t v, const std::string& shown) {
-        if (v < p.min || v > p.max)
-            throw LineError(what + p.name + "=" + shown + " is out of range " + range_text(p.min, p.max));
-    };
-    switch (p.type) {
-        case T::Int:
-        case T::Bool: {
-            int64_t v;
-            if (!to_int(value, &v)) {
-                // An integer too large for 64 bits is a value out of range, not a typo.
-                bool digits = !value.empty();
-                for (size_t i = (value[0] == '-' || value[0] == '+') ? 1 : 0; i < value.size(); ++i)
-                    digits = digits && value[i] >= '0' && value[i] <= '9';
-                if (digits && value.size() > 1)
-                    throw LineError(what + p.name + "=" + value + " is out of range " +
-                                    range_text(p.min, p.max));
-                throw LineError(what + "expected an integer for " + p.name + ", got '" + value + "'");
-            }
-            in_range(v, value);
-            a.v[0] = v;
-            break;
-        }
-        case T::Ms: {
-            int64_t us;
-            if (value[0] == '-') {
-                int64_t dummy;
-                if (to_us(value.substr(1), &dummy))
-                    throw LineError(what + p.name + "=" + value + " is out of range " +
-                                    range_text(p.min, p.max) + " ms");
-            }
-            if (!to_us(value, &us))
-                throw LineError(what + "expected milliseconds (e.g. 20 or 21.333) for " + p.name + ", got '" +
-                                value + "'");
-            if (us < p.min || us > p.max * 1000)
-                throw LineError(what + p.name + "=" + value + " is out of range " + range_text(p.min, p.max) +
-                                " ms");
-            a.v[0] = us;
-            break;
-        }
-        case T::Real: {
-            double d;
-            if (!to_real(value, &d))
-                throw LineError(what + "expected a number for " + p.name + ", got '" + value + "'");
-            if (d < static_cast<double>(p.min) || d > static_cast<double>(p.max))
-                throw LineError(what + p.name + "=" + value + " is out of range " + range_text(p.min, p.max));
-            a.f = d;
-            break;
-        }
-        case T::Size: {
-            size_t x = value.find('x');
-            int64_t w, h;
-            if (x == std::string::npos || !to_int(value.substr(0, x), &w) || !to_int(value.substr(x + 1), &h))
-                throw LineError(what + "expected WIDTHxHEIGHT for " + p.name + ", got '" + value + "'");
-            if (w < p.min || w > p.max || h < p.min || h > p.max)
-                throw LineError(what + p.name + "=" + value + " is out of range " + range_text(p.min, p.max) +
-                                " per side");
-            a.v[0] = w;
-            a.v[1] = h;
-            break;
-        }
-        case T::Rect: {
-            std::vector<std::string> fields;
-            std::string cur;
-            for (char c : value + ",") {
-                if (c == ',') {
-                    fields.push_back(cur);
-                    cur.clear();
-                } else {
-                    cur += c;
-                }
-            }
-            int64_t v[4];
-            if (fields.size() != 4 || !to_int(fields[0], &v[0]) || !to_int(fields[1], &v[1]) ||
-                !to_int(fields[2], &v[2]) || !to_int(fields[3], &v[3]))
-                throw LineError(what + "expected X,Y,W,H for " + p.name + ", got '" + value + "'");
-            if (v[0] < kI32Min || v[0] > kI32Max || v[1] < kI32Min || v[1] > kI32Max)
-                throw LineError(what + p.name + "=" + value + ": x and y are out of range " +
-                                range_text(kI32Min, kI32Max));
-            if (v[2] < 0 || v[2] > kU32Max || v[3] < 0 || v[3] > kU32Max)
-                throw LineError(what + p.name + "=" + value + ": w and h are out of range " +
-                                range_text(0, kU32Max));
-            for (int i = 0; i < 4; ++i)
-                a.v[i] = v[i];
-            break;
-        }
-        case T::Dar: {
-            size_t c = value.find(':');
-            int64_t w, h;
-            if (c == std::string::npos || !to_int(value.substr(0, c), &w) || !to_int(value.substr(c + 1), &h))
-                throw LineError(what + "expected W:H for " + p.name + ", got '" + value + "'");
-            if (w < 0 || w > kU32Max || h < 0 || h > kU32Max)
-                throw LineError(what + p.name + "=" + value + " is out of range " + range_text(0, kU32Max) +
-                                " per term");
-            a.v[0] = w;
-            a.v[1] = h;
-            break;
-        }
-        case T::Port: {
-            int64_t v = -1;
-            for (int i = 0; i <= 14; ++i)
-                if (value == kPortNames[i])
-                    v = i;
-            if (v < 0) {
-                if (!to_int(value, &v))
-                    throw LineError(what +
-                                    "expected an input port (dtv, mm, atv, av, component, rgb, dvi, hdmi, "
-                                    "main_clone, jpeg_swdec, mjpeg, scart, dsp, lvdxrx, max or 0..14) for " +
-                                    std::string(p.name) + ", got '" + value + "'");
-                in_range(v, value);
-            }
-            a.v[0] = v;
-            break;
-        }
-        case T::Errno: {
-            int64_t v = -1;
-            for (const auto& e : kErrnos)
-                if (value == e.name)
-                    v = e.value;
-            if (v < 0) {
-                if (!to_int(value, &v))
-                    throw LineError(what + "expected an errno name (EIO, EBUSY, ...) or number for " +
-                                    std::string(p.name) + ", got '" + value + "'");
-                in_range(v, value);
-            }
-            a.v[0] = v;
-            break;
-        }
-        case T::Times: {
-            int64_t v;
-            if (value == "always") {
-                v = -1;
-            } else {
-                if (!to_int(value, &v))
-                    throw LineError(what + "expected a count, -1 or 'always' for " + std::string(p.name) +
-                                    ", got '" + value + "'");
-                if (v != -1)
-                    in_range(v, value);
-            }
-            a.v[0] = v;
-            break;
-        }
-        case T::Path:
-        case T::Request:
-            break;
-        case T::Hal: {
-            bool ok = false;
-            for (int i = 0; i < 7; ++i)
-                if (value == kHalModes[i]) {
-                    ok = true;
-                    a.v[0] = i;
-                }
-            if (!ok)
-                throw LineError(what +
-                                "expected a HAL mode (absent, working, no-init-symbol, init-fails, "
-                                "no-get-symbol, get-fails, gets-zero), got '" +
-                                value + "'");
-            break;
-        }
-        case T::Name: {
-            for (char c : value)
-                if (!(isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-'))
-                    throw LineError(what + "expected a track name of letters, digits, '_' and '-', got '" +
-                                    value + "'");
-            break;
-        }
-        case T::Handle:
-            if (value != "null")
-                throw LineError(what + "expected handle=null, got handle=" + value);
-            break;
-    }
-    return a;
-}
-
-std::string join_names(const std::vector<const ParamDef*>& ps, bool positional_only) {
-    std::string out;
-    for (const ParamDef* p : ps) {
-        if (positional_only && !p->positional)
-            continue;
-        if (!out.empty())
-            out += ", ";
-        out += p->name;
-    }
-    return out;
-}
-
 std::string subcommand_list(const std::string& family) {
     std::string out;
     for (const auto& c : commands()) {
@@ -548,10 +163,72 @@ bool valid_env_name(const std::string& n) {
     return true;
 }
 
+// Each limit of a line holds alone; so must their product: the library calls one line
+// may make, with every retry.
+constexpr int64_t kMaxCallsPerLine = 10000000;
+
+void check_total_work(const Command& c) {
+    if (c.cmd != Cmd::AudioPush || !c.has("retry"))
+        return;
+    const int64_t count = c.num("count", 1);
+    const int64_t retries = c.num("max-retries", 1000);
+    if (count * (1 + retries) <= kMaxCallsPerLine)
+        return;
+    throw LineError(c.name + ": count=" + std::to_string(count) + " with max-retries=" + std::to_string(retries) +
+                    " may make " + std::to_string(count * (1 + retries)) +
+                    " library calls; a line makes at most " + std::to_string(kMaxCallsPerLine) +
+                    " (count x (1 + max-retries))");
+}
+
+Cmd scenario_cmd(emutv::lines::PlatformCmd p) {
+    using P = emutv::lines::PlatformCmd;
+    switch (p) {
+        case P::Absent:
+            return Cmd::PlatformAbsent;
+        case P::Present:
+            return Cmd::PlatformPresent;
+        case P::ComprDevice:
+            return Cmd::PlatformComprDevice;
+        case P::Fail:
+            return Cmd::PlatformFail;
+        case P::Status:
+            return Cmd::PlatformStatus;
+        case P::ClearFaults:
+            return Cmd::PlatformClearFaults;
+        case P::Panel:
+            return Cmd::PlatformPanel;
+        case P::Hal:
+            return Cmd::PlatformHal;
+        case P::Vsync:
+            return Cmd::PlatformVsync;
+        case P::VsyncOffset:
+            return Cmd::PlatformVsyncOffset;
+        case P::DecoderFrames:
+            return Cmd::PlatformDecoderFrames;
+        case P::DolbyRewrite:
+            return Cmd::PlatformDolbyRewrite;
+        case P::Broadcast:
+            return Cmd::PlatformBroadcast;
+        case P::Compr:
+            return Cmd::PlatformCompr;
+        case P::Logmask:
+            return Cmd::PlatformLogmask;
+    }
+    return Cmd::PlatformClearFaults;
+}
+
+// Platform lines: the emulator's own parser, as for a platform file.
+void parse_platform(const std::vector<std::string>& toks, emutv::lines::PlatformParseState* state, Command* out) {
+    emutv::lines::PlatformLine line = emutv::lines::parse_platform_line(toks, state);
+    out->cmd = scenario_cmd(line.cmd);
+    out->platform = line.cmd;
+    out->name = line.name;
+    out->args = std::move(line.args);
+}
+
 // Parses one non-empty line (comment removed) into `out`; throws LineError.
-void parse_line(const std::vector<std::string>& toks, Command* out) {
+void parse_line(const std::vector<std::string>& toks, emutv::lines::PlatformParseState* state, Command* out) {
     const std::string& head = toks[0];
-    size_t first_arg = 1;
     std::string name;
     if (head == "env") {
         if (toks.size() == 3 && toks[1] == "unset") {
@@ -573,7 +250,10 @@ void parse_line(const std::vector<std::string>& toks, Command* out) {
         out->args["value"].text = toks[1].substr(toks[1].find('=') + 1);
         return;
     }
-    if (head == "video" || head == "audio" || head == "platform") {
+    if (head == "platform")
+        return parse_platform(toks, state, out);
+    size_t first_arg = 1;
+    if (head == "video" || head == "audio") {
         if (toks.size() < 2 || toks[1].find('=') != std::string::npos)
             throw LineError("expected one of these after '" + head + "': " + subcommand_list(head));
         name = head + " " + toks[1];
@@ -600,49 +280,7 @@ void parse_line(const std::vector<std::string>& toks, Command* out) {
                 continue;
             all.push_back(&p);
         }
-    size_t next_pos = 0;
-    std::vector<const ParamDef*> positional;
-    for (const ParamDef* p : all)
-        if (p->positional)
-            positional.push_back(p);
-
-    for (size_t i = first_arg; i < toks.size(); ++i) {
-        const std::string& t = toks[i];
-        size_t eq = t.find('=');
-        const ParamDef* p = nullptr;
-        std::string value;
-        if (eq == 0)
-            throw LineError(name + ": expected key=value or a value, got '" + t + "'");
-        if (eq != std::string::npos) {
-            std::string key = t.substr(0, eq);
-            value = t.substr(eq + 1);
-            for (const ParamDef* c : all)
-                if (key == c->name)
-                    p = c;
-            if (!p)
-                throw LineError(name + ": unknown argument '" + key + "'" +
-                                (all.empty() ? std::string(" (it takes none)")
-                                             : " (expected " + join_names(all, false) + ")"));
-            if (value.empty())
-                throw LineError(name + ": empty value for '" + key + "'");
-        } else {
-            while (next_pos < positional.size() && out->args.count(positional[next_pos]->name))
-                ++next_pos;
-            if (next_pos >= positional.size())
-                throw LineError(name + ": unexpected value '" + t + "'" +
-                                (positional.empty()
-                                     ? std::string(" (use key=value arguments)")
-                                     : " (positional values are " + join_names(positional, true) + ")"));
-            p = positional[next_pos++];
-            value = t;
-        }
-        if (out->args.count(p->name))
-            throw LineError(name + ": '" + std::string(p->name) + "' given twice");
-        out->args[p->name] = check_value(name, *p, value);
-    }
-    for (const ParamDef* p : all)
-        if (p->required && !out->args.count(p->name))
-            throw LineError(name + ": expected " + p->name);
+    emutv::lines::parse_args(name, all, toks, first_arg, &out->args);
 
     if ((def->flags & kVoid) && out->has("expect") && out->arg("expect").v[0] != 0)
         throw LineError(name + ": expect=" + out->arg("expect").text +
@@ -650,6 +288,7 @@ void parse_line(const std::vector<std::string>& toks, Command* out) {
     if ((def->flags & kNoNull) && out->has("handle"))
         throw LineError(name +
                         ": handle=null is not accepted (the library reads the handle without a check)");
+    check_total_work(*out);
     if (out->cmd == Cmd::AudioPush && out->has("rate") && out->has("every"))
         throw LineError(name + ": give rate= or every=, not both");
     if (out->cmd == Cmd::VideoFrame && out->has("null") && out->arg("null").v[0] == 1) {
@@ -688,9 +327,7 @@ bool Command::is_call() const {
 }
 
 const char* port_name(int64_t port) {
-    if (port < 0 || port > 14)
-        return "?";
-    return kPortNames[port];
+    return emutv::lines::input_port_name(port);
 }
 
 std::string format_ms(int64_t us) {
@@ -715,26 +352,20 @@ bool parse_scenario(const std::string& text, const std::string& file, Scenario* 
     int64_t fw = 1920, fh = 1080, faspect = 3, flinesize = 0;
     int64_t bw = 1920, bh = 1080, baspect = 3;
 
+    emutv::lines::PlatformParseState platform_state;
     std::istringstream in(text);
     std::string raw;
     int lineno = 0;
     while (std::getline(in, raw)) {
         ++lineno;
-        std::string line = raw;
-        size_t hash = line.find('#');
-        if (hash != std::string::npos)
-            line.resize(hash);
-        line = trim(line);
-        if (line.empty())
-            continue;
         Command c;
         c.file = file;
         c.line = lineno;
         try {
-            for (char ch : line)
-                if (static_cast<unsigned char>(ch) < 0x20 && ch != '\t')
-                    throw LineError("unexpected control character");
-            parse_line(split_ws(line), &c);
+            std::string line = emutv::lines::strip_line(raw);
+            if (line.empty())
+                continue;
+            parse_line(emutv::lines::split_ws(line), &platform_state, &c);
             if (c.cmd == Cmd::Track) {
                 const std::string& n = c.arg("name").text;
                 track = -1;
@@ -797,6 +428,11 @@ bool parse_scenario(const std::string& text, const std::string& file, Scenario* 
 }
 
 bool load_scenario(const std::string& path, Scenario* out, std::string* error) {
+    struct stat st;
+    if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+        *error = path + ": cannot read: " + strerror(EISDIR) + " (expected a scenario file)";
+        return false;
+    }
     std::ifstream f(path, std::ios::binary);
     if (!f) {
         *error = path + ": cannot read: " + strerror(errno);
@@ -804,11 +440,18 @@ bool load_scenario(const std::string& path, Scenario* out, std::string* error) {
     }
     std::stringstream ss;
     ss << f.rdbuf();
-    return parse_scenario(ss.str(), path, out, error);
+    Scenario sc;
+    if (!parse_scenario(ss.str(), path, &sc, error))
+        return false;
+    if (sc.commands.empty()) {
+        *error = path + ": no command in the scenario (an empty scenario plays nothing)";
+        return false;
+    }
+    *out = std::move(sc);
+    return true;
 }
 
-const char* scenario_help() {
-    return R"(Scenario files
+const char kScenarioHelpHead[] = R"(Scenario files
   One command per line; '#' starts a comment. Arguments are values in the order
   listed (positional) or key=value pairs. Virtual time only: nothing sleeps.
   The whole file is checked before the first library call; an error (syntax,
@@ -873,39 +516,20 @@ Audio
                                        delivering that many bytes per second.
                                        retry=MS: on -2 (no space) advance virtual
                                        time by MS and push the block again (at most
-                                       max-retries times, default 1000).
+                                       max-retries times, default 1000). A line
+                                       makes at most 10000000 calls in all:
+                                       count x (1 + max-retries).
 
-Emulated platform
-  platform absent PATH | present PATH  a device node disappears / comes back
-  platform compr-device PATH           a compressed-offload device at PATH
-  platform fail REQUEST ERRNO [TIMES]  REQUEST (e.g. FR2IP_SetPTS, open:/dev/kdolby,
-                                       DRM_IOCTL_MODE_SETPLANE) fails with ERRNO
-                                       (EIO, EBUSY, ... or a number) TIMES times
-                                       (default 1; -1 or 'always': for ever)
-  platform status REQUEST STATUS [TIMES]
-                                       the driver works but writes STATUS into
-                                       the record's own result cell
-  platform clear-faults                forget scripted failures
-  platform panel W H                   the connector reports a W x H panel
-  platform hal MODE                    board HAL: absent working no-init-symbol
-                                       init-fails no-get-symbol get-fails gets-zero
-  platform vsync HZ [RET]              vsync rate in mHz (59940) and driver ret
-  platform vsync-offset SEC NSEC [RET] offset from the last vsync
-  platform decoder-frames DEC0 DEC1    frames held by the two decoders
-  platform dolby-rewrite PROFILE       the Dolby driver rewrites the profile
-  platform broadcast [size=WxH] [aspect=N] [port=P] [framerate=MHZ]
-                                       the broadcast frame on /dev/video10
-  platform compr [buffer=BYTES] [dsp=BYTES]
-                                       the audio decoder: ring buffer (default
-                                       min fragment x max fragments of the device)
-                                       and the decoder's own buffer (default two
-                                       fragments). It plays channels x 2 x rate
-                                       bytes per second once started.
-  platform logmask VALUE               the marker file /tmp/RUVO holds VALUE
+)";
 
+const char kScenarioHelpTail[] = R"(
 Environment
   env NAME=VALUE | env unset NAME      e.g. env TA_DTV_PRELOAD=1
 )";
+
+const char* scenario_help() {
+    static const std::string text = std::string(kScenarioHelpHead) + emutv::lines::platform_help() + kScenarioHelpTail;
+    return text.c_str();
 }
 
 }  // namespace tvsp

@@ -18,6 +18,8 @@
 #include <string>
 #include <vector>
 
+#include "emutv/lines.h"
+
 namespace tvsp {
 
 enum class Cmd {
@@ -66,13 +68,8 @@ enum class Cmd {
     AudioClose,
 };
 
-// One checked argument. Integers and sizes are in `v`, real numbers in `f`, the text as
-// written in `text` (words, paths, request names).
-struct Arg {
-    std::string text;
-    int64_t v[4] = {0, 0, 0, 0};
-    double f = 0.0;
-};
+// One checked argument (the value grammar is the emulator's, shared with platform files).
+using Arg = emutv::lines::Value;
 
 struct Command {
     Cmd cmd = Cmd::Track;
@@ -81,6 +78,10 @@ struct Command {
     int line = 0;
     int track = 0;  // index into Scenario::tracks
     std::map<std::string, Arg> args;
+    emutv::lines::PlatformCmd platform = emutv::lines::PlatformCmd::ClearFaults;  // platform lines
+
+    // A platform line as the emulator applies it.
+    emutv::lines::PlatformLine platform_line() const { return {platform, name, args}; }
 
     bool has(const std::string& key) const { return args.count(key) != 0; }
     const Arg& arg(const std::string& key) const { return args.at(key); }

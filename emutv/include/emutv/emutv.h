@@ -11,7 +11,11 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <string.h>
+
+#include <cstddef>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <mutex>
 #include <string>
@@ -24,6 +28,92 @@ const char* device_name(Device d);
 
 enum class Kind { Open, Close, Ioctl, Write, Call };
 const char* kind_name(Kind k);
+
+// Decoded values of a request by name: a few entries, filled once per request, so a flat
+// array scanned by key instead of a tree. Reads as a std::map<std::string, long long>:
+// fields["k"] = v, count, find, at, and iteration in key order.
+class Fields {
+  public:
+    using value_type = std::pair<std::string, long long>;
+    using const_iterator = std::vector<value_type>::const_iterator;
+    using iterator = std::vector<value_type>::iterator;
+
+    Fields() = default;
+    Fields(std::initializer_list<value_type> init) {
+        for (const auto& v : init)
+            (*this)[v.first] = v.second;
+    }
+    Fields(const Fields& o) : items_(o.begin(), o.end()), n_(o.n_), sorted_(true) {}
+    Fields& operator=(const Fields& o) {
+        if (this != &o) {
+            items_.assign(o.begin(), o.end());
+            n_ = o.n_;
+            sorted_ = true;
+        }
+        return *this;
+    }
+    Fields(Fields&&) = default;
+    Fields& operator=(Fields&&) = default;
+
+    __attribute__((always_inline)) long long& operator[](const char* key) { return slot(key, strlen(key)); }
+    long long& operator[](const std::string& key) { return slot(key.data(), key.size()); }
+    size_t count(const std::string& key) const { return index(key.data(), key.size()) < n_ ? 1 : 0; }
+    const_iterator find(const std::string& key) const { return items_.begin() + index_or_end(key); }
+    iterator find(const std::string& key) { return items_.begin() + index_or_end(key); }
+    long long at(const std::string& key) const;
+    size_t size() const { return n_; }
+    bool empty() const { return n_ == 0; }
+    // Forgets the values; the entries' storage is kept for the next request.
+    void clear() {
+        n_ = 0;
+        sorted_ = true;
+    }
+    // In key order, as a std::map iterates.
+    const_iterator begin() const {
+        sort();
+        return items_.begin();
+    }
+    const_iterator end() const { return items_.begin() + static_cast<std::ptrdiff_t>(n_); }
+    iterator begin() {
+        sort();
+        return items_.begin();
+    }
+    iterator end() { return items_.begin() + static_cast<std::ptrdiff_t>(n_); }
+    bool operator==(const Fields& o) const;
+    bool operator!=(const Fields& o) const { return !(*this == o); }
+
+  private:
+    __attribute__((always_inline)) size_t index(const char* key, size_t n) const {
+        for (size_t i = 0; i < n_; ++i)
+            if (items_[i].first.size() == n && memcmp(items_[i].first.data(), key, n) == 0)
+                return i;
+        return n_;
+    }
+    std::ptrdiff_t index_or_end(const std::string& key) const {
+        sort();
+        return static_cast<std::ptrdiff_t>(index(key.data(), key.size()));
+    }
+    __attribute__((always_inline)) long long& slot(const char* key, size_t n) {
+        size_t i = index(key, n);
+        if (i < n_)
+            return items_[i].second;
+        sorted_ = n_ == 0;
+        if (n_ == items_.size()) {
+            if (items_.capacity() == 0)
+                items_.reserve(16);
+            items_.emplace_back(std::string(key, n), 0);
+        } else if (items_[n_].first.size() != n || memcmp(items_[n_].first.data(), key, n) != 0) {
+            items_[n_].first.assign(key, n);
+        }
+        items_[n_].second = 0;
+        return items_[n_++].second;
+    }
+    void sort() const;
+
+    mutable std::vector<value_type> items_;  // the first n_ are in use
+    size_t n_ = 0;
+    mutable bool sorted_ = true;
+};
 
 struct Event {
     uint64_t seq = 0;
@@ -38,10 +128,13 @@ struct Event {
     // Video-platform commands: bytes behind arg1..arg7 and ret (index 7) after the call;
     // empty for a null argument.
     std::vector<std::vector<uint8_t>> args;
-    std::map<std::string, long long> fields;  // decoded values that matter
+    Fields fields;                             // decoded values that matter
     std::map<std::string, std::string> text;   // decoded text values (a mixer control's name)
     long long result = 0;
     int err = 0;  // errno when result < 0
+    // 0: the process's main thread; 1, 2, ...: another thread, numbered by its first request.
+    // Requests of different threads keep no fixed order between them from run to run.
+    int thread = 0;
 
     long long field(const std::string& key) const;  // throws when absent
     bool has(const std::string& key) const { return fields.count(key) != 0; }
@@ -51,8 +144,21 @@ struct Event {
     T record_out() const;
 };
 
-// One line: "DRM /dev/dri/card0 DRM_IOCTL_MODE_SETPLANE plane_id=31 ... -> 0".
+// One line: "drm /dev/dri/card0 DRM_IOCTL_MODE_SETPLANE plane_id=31 ... -> 0", with
+// " [thread N, unordered]" after a request of another thread than the main one. Addresses
+// show as tokens numbered by first sight ("@1"), fourcc codes as text ("XR24"), 16.16
+// source coordinates as decimals ("1920.0"), object types by name, display indices signed.
 std::string describe(const Event& e);
+
+struct TimelineEntry;
+
+// How the platform keeps time. Virtual: the program sets the time (the session player's
+// virtual clock); the video platform answers what the test scripted. Real:
+// CLOCK_MONOTONIC; vsync ticks at the panel rate (VpltModel::vsync_hz), the vsync
+// offset and decoder-usage answers come from that clock, and the audio decoder model
+// plays in real time. Programs linked with the emulator start in Virtual; a process
+// that loaded it with LD_PRELOAD starts in Real unless RUVO_EMUTV_CLOCK=virtual.
+enum class ClockMode { Virtual, Real };
 
 class DeviceModel;
 class DrmModel;
@@ -107,7 +213,8 @@ public:
     size_t total_requests() const;                  // ioctl + write, counted also while off
     void clear_events();
     void set_recording(bool on);
-    // Called with every event as it is recorded (the session player's live trace).
+    // Called with every event as it is recorded (the session player's live trace). While
+    // recording is off the event carries no bytes (`in`, `out` empty): read its fields.
     void set_listener(std::function<void(const Event&)> listener);
 
     // Descriptors currently open on emulated devices.
@@ -130,6 +237,26 @@ public:
     DecoderModel& decoder();
     SoundCardModel& sound();
     ComprModel& compr();
+
+    // The clock. The vsync grid starts at the call (and at reset(), which also sets the
+    // virtual time back to zero and drops the timeline listener).
+    void set_clock_mode(ClockMode mode);
+    ClockMode clock_mode() const;
+    // Virtual time in nanoseconds (ignored in Real mode); it only goes forward.
+    void set_virtual_time_ns(int64_t t_ns);
+    // The platform clock now: CLOCK_MONOTONIC in Real mode, the virtual time otherwise.
+    int64_t now_ns() const;
+
+    // The timeline (see emutv/timeline.h). Vsyncs and decoder periods are produced when
+    // a request comes, when the virtual time is set and on sync_timeline(), all up to
+    // the clock's now; each entry goes to the listener and to the log file. In virtual
+    // time the plane is followed only while a listener or a log is set.
+    void sync_timeline();
+    void set_timeline_listener(std::function<void(const TimelineEntry&)> listener);
+    // Starts writing the log to `path` (truncated). False, with the reason, when it
+    // cannot be written.
+    bool open_timeline_log(const std::string& path, std::string* error);
+    void close_timeline_log();
 
     // For device models: run `fn` with the platform lock held.
     std::recursive_mutex& mutex() const;

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "emutv/audio_decoder.h"
 #include "emutv/emutv.h"
 
 namespace emutv {
@@ -23,6 +24,9 @@ class DeviceModel {
     virtual void reset() = 0;
     // Name of the request, for the record and for fault matching.
     virtual std::string request_name(unsigned long req, const void* arg) const = 0;
+    // The same name as a literal when it is one (nullptr otherwise): no string is built on
+    // the way of a frequent request.
+    virtual const char* request_literal(unsigned long req, const void* arg) const;
     // Bytes of the record behind `arg` (default: the size field of the request number).
     virtual size_t record_size(unsigned long req, const void* arg) const;
     // Answers a request; returns its result, and sets *err when the result is negative.
@@ -94,6 +98,7 @@ class DrmModel : public DeviceModel {
     Device kind() const override { return Device::Drm; }
     void reset() override;
     std::string request_name(unsigned long req, const void* arg) const override;
+    const char* request_literal(unsigned long req, const void* arg) const override;
     long ioctl(int fd, unsigned long req, void* arg, Event& ev, int* err) override;
     // DRM_IOCTL_PRIME_HANDLE_TO_FD: the status replaces the exported descriptor in the
     // answer (the descriptor the driver made stays open; its number is in the event's "fd").
@@ -110,6 +115,10 @@ class DrmModel : public DeviceModel {
 class VpltModel : public DeviceModel {
   public:
     // Answers (defaults after reset: 59940 mHz, offset 0 s 1000000 ns, frames 2 and 1).
+    // `vsync_hz` is also the panel refresh: in Real clock mode vsync ticks at it, the
+    // offset answer is the time since the last vsync, and the frames in use are the
+    // frames announced (source requests with a picture) and not yet latched by a vsync
+    // on decoder 0, none on decoder 1; the offset and frames fields are not used then.
     int32_t vsync_hz = 59940;
     int32_t vsync_hz_ret = 0;
     int32_t offset_sec = 0;
@@ -124,6 +133,7 @@ class VpltModel : public DeviceModel {
     Device kind() const override { return Device::Vplt; }
     void reset() override;
     std::string request_name(unsigned long req, const void* arg) const override;
+    const char* request_literal(unsigned long req, const void* arg) const override;
     long ioctl(int fd, unsigned long req, void* arg, Event& ev, int* err) override;
     void apply_status(unsigned long req, void* arg, int32_t status) override;
 };
@@ -164,6 +174,8 @@ class DecoderModel : public DeviceModel {
   public:
     // The broadcast frame handed out for V4L2_CID_GET_DISPLAY_FRAME_INFO (576 bytes).
     std::array<uint8_t, 576> display_frame{};
+    // Replaces it with a decoded YUV 4:2:0 frame of display index 1 (`platform broadcast`).
+    void set_display_frame(uint32_t w, uint32_t h, uint32_t aspect, uint32_t framerate, uint32_t port);
     Device kind() const override { return Device::Decoder; }
     void reset() override;
     std::string request_name(unsigned long req, const void* arg) const override;
@@ -214,6 +226,18 @@ class ComprModel : public DeviceModel {
     uint64_t remain = 0;             // GET_METADATA(GET_REMAINSIZE) value[0..1]
     bool consume_on_write = false;   // each write lowers `avail` by its size
 
+    // Who answers AVAIL, TSTAMP and the remain size: the scripted values above (the
+    // default in Virtual clock mode) or the decoder model (emutv/audio_decoder.h; the
+    // default in Real mode). The model's ring is `ring_bytes` (0: min_fragment_size x
+    // max_fragments) and its own buffer `dsp_bytes` (-1: two min_fragment_size), both
+    // read at every request.
+    enum class Answers { Scripted, Modelled };
+    Answers answers = Answers::Scripted;
+    AudioDecoder::Pacing pacing = AudioDecoder::Pacing::Parsed;
+    uint64_t ring_bytes = 0;
+    int64_t dsp_bytes = -1;
+    AudioDecoder decoder;
+
     // State.
     bool running = false;
     std::map<uint32_t, uint32_t> metadata;  // key -> value[0] of the last SET_METADATA
@@ -226,6 +250,7 @@ class ComprModel : public DeviceModel {
     Device kind() const override { return Device::Compr; }
     void reset() override;
     std::string request_name(unsigned long req, const void* arg) const override;
+    const char* request_literal(unsigned long req, const void* arg) const override;
     long ioctl(int fd, unsigned long req, void* arg, Event& ev, int* err) override;
     long write(int fd, const void* buf, size_t n, Event& ev, int* err) override;
 };

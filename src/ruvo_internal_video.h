@@ -1,25 +1,16 @@
-// Internal operations of the library, shared between its sources and reachable by the
-// tests through the static build. None of these is exported from the shared library.
+// Internals of the video output: the display pipeline (DRM/KMS and the chip's private
+// requests), the on-screen-display buffers and converter, the display queue, frame geometry,
+// timing and the hand-back to broadcast video.
 #pragma once
 
 #include <stdint.h>
-#include <stdio.h>
 
-#include "ruvo/driver/compress_ext.h"
 #include "ruvo/driver/qvk_converter.h"
 #include "ruvo/driver/sdp_drm.h"
 #include "ruvo/driver/v4l2_drm.h"
 #include "ruvo/driver/vplt_ioctl.h"
-#include "ruvo/quarvel_audio_output.h"
 #include "ruvo/quarvel_video_output.h"
-#include "ruvo/ruvo_debug.h"
-#include "ruvo/wayland_render.h"
-
-#define RUVO_INTERNAL __attribute__((visibility("hidden")))
-
-// Diagnostics
-extern int g_ruvo_logmask RUVO_INTERNAL;
-extern FILE* gLogMsgFile RUVO_INTERNAL;
+#include "ruvo_visibility.h"
 
 // Video output core
 RUVO_INTERNAL void CloseDevice(quarvel_video_output_s* output);
@@ -67,8 +58,3 @@ RUVO_INTERNAL int SetDpSource(quarvel_video_output_s* output, v4l2_drm* frame_in
 RUVO_INTERNAL bool DRMSetUnmute(quarvel_video_output_s* output, bool unmute);
 RUVO_INTERNAL int GetDTV_DRM_Info(v4l2_drm* v4l2_drm_info);
 RUVO_INTERNAL void* _set_audio_mute(void* arg);
-
-// Audio
-RUVO_INTERNAL int set_compr_metadata(int fd, int key, int value);
-RUVO_INTERNAL void CloseDevice(quarvel_audio_output_s* output);
-RUVO_INTERNAL int _kcontrol_set(const char* name, int value);
