@@ -68,17 +68,30 @@ RunResult run_from_start() {
 
 }  // namespace
 
-TEST(ConformanceFigures, audio_ahead_of_the_picture_shows_as_a_negative_offset) {
+TEST(ConformanceFigures, sound_within_the_frame_on_the_panel_is_in_sync) {
+    // Each 40 ms frame stands for [pts, pts + 40 ms): sound 10 ms on is inside it at both
+    // vsyncs the frame is on the panel.
     Timeline tl = load(timeline_text(500, 10));
     ASSERT_EQ(tl.vsyncs.size(), 500u);
     EXPECT_EQ(tl.vsync_period_ns, kVsync);
     Figures f = compute_figures(scenario(), run_from_start(), tl, nullptr);
-    // Frames change every other vsync: the picture is 0 or 20 ms behind the running audio,
-    // which is 10 ms ahead on top.
     EXPECT_GT(f.av_samples, 400u);
+    EXPECT_DOUBLE_EQ(f.av_max_ms, 0);
+}
+
+TEST(ConformanceFigures, sound_past_the_frame_on_the_panel_shows_as_a_negative_offset) {
+    // Sound 50 ms on: 10 ms past the frame at its first vsync, 30 ms at its second.
+    Figures f = compute_figures(scenario(), run_from_start(), load(timeline_text(500, 50)), nullptr);
     EXPECT_DOUBLE_EQ(f.av_max_ms, 30);
     EXPECT_DOUBLE_EQ(f.av_p99_ms, 30);
     EXPECT_DOUBLE_EQ(f.av_p50_ms, -30);
+}
+
+TEST(ConformanceFigures, a_picture_ahead_of_the_sound_shows_as_a_positive_offset) {
+    // Sound 10 ms behind the frame's timestamp at its first vsync, inside it at the second.
+    Figures f = compute_figures(scenario(), run_from_start(), load(timeline_text(500, -10)), nullptr);
+    EXPECT_DOUBLE_EQ(f.av_max_ms, 10);
+    EXPECT_DOUBLE_EQ(f.av_p50_ms, 0);
 }
 
 TEST(ConformanceFigures, a_display_index_never_latched_counts_as_dropped) {
@@ -99,8 +112,8 @@ TEST(ConformanceFigures, first_frame_latency_in_vsyncs_from_playing) {
 
 TEST(ConformanceFigures, a_position_ahead_of_the_panel_is_measured) {
     RunResult r = run_from_start();
-    // 1 s after the start the panel shows frame 25 (1000 ms); POSITION says 1030 ms.
-    r.positions.push_back({kT0 + 1000 * kMs + kMs, 1030 * kMs});
+    // 1 s after the start the panel shows the frame of [1000, 1040) ms; POSITION says 1070 ms.
+    r.positions.push_back({kT0 + 1000 * kMs + kMs, 1070 * kMs});
     r.positions.push_back({kT0 + 2000 * kMs + kMs, 1990 * kMs});
     Figures f = compute_figures(scenario(), r, load(timeline_text(200, 0)), nullptr);
     EXPECT_DOUBLE_EQ(f.position_ahead_max_ms, 30);

@@ -33,6 +33,7 @@ struct Scenario {
     std::string media;  // generated clip name or a file path
     std::vector<Step> steps;
     std::map<std::string, double> goals;  // goal name -> limit (overrides the defaults)
+    bool compare_fake = false;            // also played with the fake sinks, for the CPU ratio
 };
 
 // Parses a scenario file; on error returns false with "FILE:LINE: message" in *error.

@@ -81,6 +81,23 @@ bool audio_at(const Timeline& tl, const RunResult& r, int64_t t, int64_t* media)
     return true;
 }
 
+// The usual time between the timestamps of consecutive frames on the panel.
+int64_t frame_duration_ns(const Timeline& tl) {
+    std::vector<int64_t> d;
+    int64_t last = -1;
+    for (const VsyncEntry& v : tl.vsyncs) {
+        if (!v.latched || v.pts_ns < 0)
+            continue;
+        if (last >= 0 && v.pts_ns > last)
+            d.push_back(v.pts_ns - last);
+        last = v.pts_ns;
+    }
+    if (d.empty())
+        return 0;
+    std::nth_element(d.begin(), d.begin() + d.size() / 2, d.end());
+    return d[d.size() / 2];
+}
+
 bool near_resume(const RunResult& r, int64_t t, int64_t window_ns) {
     for (int64_t x : r.resume_mono_ns)
         if (t >= x && t < x + window_ns)
@@ -139,7 +156,10 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
     const int64_t settle = 200000000;  // 200 ms after a start, resume or seek
     int64_t t0 = tl.vsyncs.empty() ? 0 : tl.vsyncs.front().t_ns;
 
-    // A/V offset at each vsync in steady play.
+    // A/V offset at each vsync in steady play. The frame on the panel stands for the media
+    // interval [pts, pts + frame duration): the offset is how far the audio leaving the decoder
+    // is outside it (positive: the picture is ahead of the sound).
+    const int64_t frame = frame_duration_ns(tl);
     std::vector<double> offsets;
     for (const VsyncEntry& v : tl.vsyncs) {
         if (v.pts_ns < 0 || v.muted || near_resume(r, v.t_ns, settle))
@@ -147,7 +167,8 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
         int64_t a = 0;
         if (!audio_at(tl, r, v.t_ns, &a))
             continue;
-        double ms = (v.pts_ns - a) / 1e6;
+        int64_t off = a < v.pts_ns ? v.pts_ns - a : (a > v.pts_ns + frame ? v.pts_ns + frame - a : 0);
+        double ms = off / 1e6;
         offsets.push_back(ms);
         f.av_series.push_back({(v.t_ns - t0) / 1e9, ms});
     }
@@ -167,7 +188,7 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
         const VsyncEntry* v = panel_at(tl, p.mono_ns);
         if (!v || v->pts_ns < 0 || near_resume(r, p.mono_ns, settle))
             continue;
-        double lead = (p.position_ns - v->pts_ns) / 1e6;
+        double lead = std::max<int64_t>(0, p.position_ns - (v->pts_ns + frame)) / 1e6;
         f.position_ahead_max_ms = std::max(f.position_ahead_max_ms, lead);
         errs.push_back(fabs(lead));
     }
@@ -200,10 +221,14 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
             continue;
         if (last >= 0 && v.index > last + 1 && !near_resume(r, v.t_ns, settle))
             f.dropped += v.index - last - 1;
+        int64_t unused = 0;
+        bool steady = audio_at(tl, r, since, &unused) && audio_at(tl, r, v.t_ns, &unused) &&
+                      !near_resume(r, v.t_ns, settle);
         if (last >= 0 && tl.vsync_period_ns > 0) {
             double n = static_cast<double>(v.t_ns - since) / tl.vsync_period_ns;
             f.pacing.push_back({(v.t_ns - t0) / 1e9, n});
-            held.push_back(static_cast<int>(lround(n)));
+            if (steady)
+                held.push_back(static_cast<int>(lround(n)));
         }
         last = v.index;
         since = v.t_ns;

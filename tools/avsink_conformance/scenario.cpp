@@ -32,6 +32,7 @@ const Command kCommands[] = {
     {"handback", Op::Handback, 0, 0, "handback"},
     {"eos", Op::Eos, 0, 0, "eos"},
     {"goal", Op::Goal, 2, 2, "goal NAME LIMIT"},
+    {"compare-fake", Op::Goal, 0, 0, "compare-fake"},
 };
 
 const char* const kGoals[] = {"av-p99-ms",          "av-max-ms", "position-ahead-ms", "seek-landing-ms",
@@ -149,6 +150,10 @@ bool parse_scenario_text(const std::string& path, const std::string& text, Scena
         std::vector<std::string> args(w.begin() + 1, w.end());
         if (static_cast<int>(args.size()) < cmd->min_args || static_cast<int>(args.size()) > cmd->max_args)
             return *error = where(path, n) + "usage: " + cmd->usage, false;
+        if (std::string(cmd->word) == "compare-fake") {
+            sc.compare_fake = true;
+            continue;
+        }
         if (std::string(cmd->word) == "media") {
             if (!sc.media.empty())
                 return *error = where(path, n) + "a scenario plays one media", false;
@@ -201,6 +206,7 @@ const char* scenario_grammar() {
            "  rect-storm MS [hz=HZ]    another thread moves the window at HZ (50) for MS\n"
            "  handback                 hand the screen back to broadcast\n"
            "  eos                      wait for the end of the stream\n"
+           "  compare-fake             play it again with fakevideosink and fakesink (CPU ratio)\n"
            "  goal NAME LIMIT          override a goal: av-p99-ms av-max-ms position-ahead-ms\n"
            "                           seek-landing-ms first-frame-vsyncs dropped cpu-ratio\n"
            "                           rss-growth-kib fd-growth bus-errors (-1: not judged)\n";
