@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# gst-launch-1.0 (a player nobody here wrote) plays a 6 s H.264 + AAC clip through playbin
+# with ruvovideosink and ruvoaudiosink on the preloaded emulated TV, in real time. Checks
+# the emulator's timeline (frames latched on the panel, audio played) and request trace.
+#   gst_launch_check.sh RUNNER LIBEMUTV PLUGIN_DIR PLATFORM MEDIA_DIR WORK_DIR
+set -euo pipefail
+runner=$1 emutv=$2 plugins=$3 platform=$4 media=$5 work=$6
+rm -rf "$work"
+mkdir -p "$work"
+"$runner" --make-media --media "$media"
+clip=$media/prog-aac.ts
+fail() { echo "gst_launch_check: $*"; exit 1; }
+
+GST_REGISTRY="$work/registry.bin" GST_PLUGIN_PATH="$plugins" LD_PRELOAD="$emutv" RUVO_EMUTV="$platform" \
+RUVO_EMUTV_LOG="$work/timeline.jsonl" RUVO_EMUTV_TRACE="$work/trace" \
+  gst-launch-1.0 -q playbin uri="file://$clip" video-sink=ruvovideosink audio-sink=ruvoaudiosink \
+  > "$work/stdout" 2> "$work/stderr" || { tail -20 "$work/stderr"; fail "gst-launch-1.0 failed"; }
+
+latched=$(grep -c '"type":"vsync".*"new":true' "$work/timeline.jsonl" || true)
+played=$(sed -n 's/.*"type":"audio".*"played":\([0-9]*\).*/\1/p' "$work/timeline.jsonl" | awk '{ s += $1 } END { print s + 0 }')
+sources=$(grep -c 'DRM_IOCTL_SDP_SET_DP_SOURCE' "$work/trace" || true)
+starts=$(grep -c 'SNDRV_COMPRESS_START' "$work/trace" || true)
+echo "frames latched: $latched (150 in the clip); audio frames played: $played (288000 in the clip);" \
+  "source requests: $sources; decoder starts: $starts"
+# 6 s at 25 fps: every frame latched once (the last may still be waiting at the end).
+[ "$latched" -ge 145 ] && [ "$latched" -le 151 ] || fail "expected about 150 latched frames"
+# 6 s at 48 kHz, the last decoder period possibly cut.
+[ "$played" -ge 280000 ] && [ "$played" -le 290000 ] || fail "expected about 288000 audio frames played"
+[ "$sources" -ge 150 ] || fail "expected a source request per frame"
+[ "$starts" -ge 1 ] || fail "the audio decoder was never started"
+grep -q ERROR "$work/stderr" && fail "errors on standard error" || true

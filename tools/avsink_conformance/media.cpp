@@ -1,0 +1,133 @@
+// Media made at run time by GStreamer's own encoders and muxers; nothing is committed and
+// nothing downloaded. Each clip is made once per media directory.
+#include <gst/gst.h>
+#include <sys/stat.h>
+
+#include "conformance.h"
+
+namespace conformance {
+namespace {
+
+// Video source: a moving ball.
+std::string video(int w, int h, int fps, int seconds, const char* par = "1/1") {
+    return "videotestsrc pattern=ball num-buffers=" + std::to_string(fps * seconds) +
+           " ! video/x-raw,width=" + std::to_string(w) + ",height=" + std::to_string(h) +
+           ",framerate=" + std::to_string(fps) + "/1,pixel-aspect-ratio=" + par +
+           " ! x264enc speed-preset=ultrafast bframes=0 key-int-max=" + std::to_string(fps) +
+           " ! h264parse ! ";
+}
+
+// Audio source: 1 kHz ticks, 48 kHz stereo, 1024-sample buffers (one AAC frame each).
+std::string audio(int seconds, const char* encoder) {
+    int buffers = (seconds * 48000 + 1023) / 1024;
+    return "audiotestsrc wave=ticks samplesperbuffer=1024 num-buffers=" + std::to_string(buffers) +
+           " ! audio/x-raw,rate=48000,channels=2 ! " + encoder + " ! ";
+}
+
+const char kAac[] = "avenc_aac ! aacparse";
+const char kAc3[] = "avenc_ac3 bitrate=192000 ! ac3parse";
+
+std::string mp4(const std::string& v, const std::string& a) {
+    return v + "mp4mux name=mux ! filesink location=@OUT@ " + a + "mux.";
+}
+std::string ts(const std::string& v, const std::string& a) {
+    return v + "mpegtsmux name=mux ! filesink location=@OUT@ " + a + "mux.";
+}
+
+bool exists(const std::string& p) {
+    struct stat st;
+    return stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0;
+}
+
+void make_dirs(const std::string& dir) {
+    for (size_t i = 1; i <= dir.size(); ++i)
+        if (i == dir.size() || dir[i] == '/')
+            mkdir(dir.substr(0, i).c_str(), 0755);
+}
+
+}  // namespace
+
+const std::vector<Clip>& clips() {
+    static const std::vector<Clip> kClips = {
+        {"mp4-25", "H.264 640x360 25 fps + AAC stereo 48 kHz in MP4, 30 s",
+         mp4(video(640, 360, 25, 30), audio(30, kAac)), "mp4-25.mp4"},
+        {"mp4-50", "H.264 640x360 50 fps + AAC stereo 48 kHz in MP4, 30 s",
+         mp4(video(640, 360, 50, 30), audio(30, kAac)), "mp4-50.mp4"},
+        {"ts-ac3", "H.264 640x360 25 fps + AC-3 stereo 48 kHz in MPEG-TS, 20 s",
+         ts(video(640, 360, 25, 20), audio(20, kAc3)), "ts-ac3.ts"},
+        {"res-720", "H.264 1280x720 25 fps + AAC in MP4, 4 s", mp4(video(1280, 720, 25, 4), audio(4, kAac)),
+         "res-720.mp4"},
+        {"res-1080", "H.264 1920x1080 25 fps + AAC in MP4, 4 s",
+         mp4(video(1920, 1080, 25, 4), audio(4, kAac)), "res-1080.mp4"},
+        {"res-576", "H.264 720x576 (4:3 pixel aspect 16:15) 25 fps + AAC in MP4, 4 s",
+         mp4(video(720, 576, 25, 4, "16/15"), audio(4, kAac)), "res-576.mp4"},
+        {"prog-aac", "H.264 640x360 25 fps + AAC in MPEG-TS, 6 s (the programme)",
+         ts(video(640, 360, 25, 6), audio(6, kAac)), "prog-aac.ts"},
+        {"ad-ac3", "H.264 640x360 25 fps + AC-3 in MPEG-TS, 6 s (the advertisement)",
+         ts(video(640, 360, 25, 6), audio(6, kAc3)), "ad-ac3.ts"},
+    };
+    return kClips;
+}
+
+// Playlists played gaplessly: the sinks see the caps change mid-stream, as they do when an
+// advertisement is spliced into a programme.
+std::vector<std::string> playlist(const std::string& media) {
+    if (media == "res-change")
+        return {"res-720", "res-1080", "res-576"};
+    if (media == "codec-switch")
+        return {"prog-aac", "ad-ac3"};
+    return {media};
+}
+
+std::string make_clip(const std::string& dir, const std::string& name, std::string* error) {
+    if (name.find('/') != std::string::npos) {
+        if (exists(name))
+            return name;
+        *error = name + ": no such media file";
+        return "";
+    }
+    for (const Clip& c : clips()) {
+        if (c.name != name)
+            continue;
+        std::string out = dir + "/" + c.file;
+        if (exists(out))
+            return out;
+        make_dirs(dir);
+        std::string desc = c.pipeline;
+        desc.replace(desc.find("@OUT@"), 5, out + ".part");
+        GError* err = nullptr;
+        GstElement* p = gst_parse_launch(desc.c_str(), &err);
+        if (!p || err) {
+            if (p)
+                gst_object_unref(p);
+            *error = name + ": " + (err ? err->message : "cannot build the encoding pipeline");
+            g_clear_error(&err);
+            return "";
+        }
+        gst_element_set_state(p, GST_STATE_PLAYING);
+        GstBus* bus = gst_element_get_bus(p);
+        GstMessage* m = gst_bus_timed_pop_filtered(
+            bus, 300 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+        bool ok = m && GST_MESSAGE_TYPE(m) == GST_MESSAGE_EOS;
+        if (!ok) {
+            GError* e = nullptr;
+            if (m)
+                gst_message_parse_error(m, &e, nullptr);
+            *error = name + ": encoding failed: " + (e ? e->message : "timed out");
+            g_clear_error(&e);
+        }
+        if (m)
+            gst_message_unref(m);
+        gst_object_unref(bus);
+        gst_element_set_state(p, GST_STATE_NULL);
+        gst_object_unref(p);
+        if (!ok)
+            return "";
+        rename((out + ".part").c_str(), out.c_str());
+        return out;
+    }
+    *error = name + ": no such clip (mp4-25 mp4-50 ts-ac3 res-change codec-switch, or a file path)";
+    return "";
+}
+
+}  // namespace conformance

@@ -1,0 +1,464 @@
+// One scenario through playbin, in real time. The runner only drives the pipeline and
+// samples what an application sees (POSITION answers, bus messages, its own CPU, memory
+// and descriptors); what the panel showed and the loudspeakers played comes from the
+// emulated TV's timeline afterwards.
+#include <dirent.h>
+#include <gst/gst.h>
+#include <gst/video/videooverlay.h>
+#include <stdio.h>
+#include <sys/resource.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cmath>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <random>
+#include <thread>
+
+#include "conformance.h"
+
+namespace conformance {
+namespace {
+
+int64_t mono_ns() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+double cpu_seconds() {
+    rusage ru;
+    getrusage(RUSAGE_SELF, &ru);
+    return ru.ru_utime.tv_sec + ru.ru_stime.tv_sec + (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+}
+
+ResourceSample resources(const std::string& when) {
+    ResourceSample r;
+    r.when = when;
+    if (FILE* f = fopen("/proc/self/statm", "r")) {
+        long size = 0, rss = 0;
+        if (fscanf(f, "%ld %ld", &size, &rss) == 2)
+            r.rss_kib = rss * (sysconf(_SC_PAGESIZE) / 1024);
+        fclose(f);
+    }
+    if (DIR* d = opendir("/proc/self/fd")) {
+        while (dirent* e = readdir(d))
+            if (e->d_name[0] != '.')
+                ++r.fds;
+        closedir(d);
+        --r.fds;  // the directory's own descriptor
+    }
+    return r;
+}
+
+// What the bus said, gathered by a sync handler (any thread) for the driving thread.
+struct BusLog {
+    std::mutex mu;
+    std::condition_variable cv;
+    bool eos = false;
+    uint64_t async_done = 0;
+    std::vector<std::string> errors, warnings;
+};
+
+GstBusSyncReply on_bus(GstBus*, GstMessage* m, gpointer data) {
+    auto* log = static_cast<BusLog*>(data);
+    std::lock_guard<std::mutex> g(log->mu);
+    switch (GST_MESSAGE_TYPE(m)) {
+        case GST_MESSAGE_EOS:
+            log->eos = true;
+            break;
+        case GST_MESSAGE_ASYNC_DONE:
+            ++log->async_done;
+            break;
+        case GST_MESSAGE_ERROR:
+        case GST_MESSAGE_WARNING: {
+            GError* e = nullptr;
+            gchar* dbg = nullptr;
+            bool error = GST_MESSAGE_TYPE(m) == GST_MESSAGE_ERROR;
+            if (error)
+                gst_message_parse_error(m, &e, &dbg);
+            else
+                gst_message_parse_warning(m, &e, &dbg);
+            std::string text =
+                std::string(GST_OBJECT_NAME(GST_MESSAGE_SRC(m))) + ": " + (e ? e->message : "?");
+            (error ? log->errors : log->warnings).push_back(text);
+            g_clear_error(&e);
+            g_free(dbg);
+            break;
+        }
+        default:
+            break;
+    }
+    log->cv.notify_all();
+    return GST_BUS_DROP;
+}
+
+class Run {
+  public:
+    Run(const Scenario& s, const RunOptions& o) : s_(s), o_(o) {}
+    ~Run() { teardown(); }
+
+    bool build(std::string* error);
+    void play_steps();
+    RunResult finish();
+
+  private:
+    void step(const Step& st);
+    bool set_state(GstState state, const char* what);
+    bool wait_preroll(uint64_t before, const char* what);
+    void seek(int64_t target_ns, double rate);
+    void sleep_ms(double ms);
+    void rect_storm(double ms, double hz);
+    void poll_positions();
+    void teardown();
+    int64_t duration_ns();
+    void fail(const std::string& what) {
+        r_.ok = false;
+        r_.errors.push_back(what);
+    }
+
+    const Scenario& s_;
+    const RunOptions& o_;
+    RunResult r_;
+    BusLog bus_;
+    GstElement* pipe_ = nullptr;
+    GstElement* vsink_ = nullptr;
+    GstElement* asink_ = nullptr;
+    std::vector<std::string> uris_;
+    std::atomic<size_t> next_uri_{1};
+    std::atomic<bool> stop_{false};
+    std::thread poller_;
+    std::mutex pos_mu_;
+    std::atomic<bool> want_audio_base_{true};
+    std::atomic<uint64_t> video_buffers_{0};
+    double cpu0_ = 0;
+    int64_t wall0_ = 0;
+};
+
+// The first audio buffer after the start and after every flush: the decoder's media time
+// counts from it.
+GstPadProbeReturn on_audio_pad(GstPad*, GstPadProbeInfo* info, gpointer data) {
+    auto* run = static_cast<std::pair<std::atomic<bool>*, RunResult*>*>(data);
+    if (GST_PAD_PROBE_INFO_TYPE(info) &
+        (GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM | GST_PAD_PROBE_TYPE_EVENT_FLUSH)) {
+        if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_FLUSH_STOP)
+            run->first->store(true);
+    } else if (GstBuffer* b = GST_PAD_PROBE_INFO_BUFFER(info)) {
+        if (run->first->exchange(false) && GST_BUFFER_PTS_IS_VALID(b))
+            run->second->audio_bases.push_back({mono_ns(), static_cast<int64_t>(GST_BUFFER_PTS(b))});
+    }
+    return GST_PAD_PROBE_OK;
+}
+
+GstPadProbeReturn count_buffer(GstPad*, GstPadProbeInfo*, gpointer data) {
+    static_cast<std::atomic<uint64_t>*>(data)->fetch_add(1);
+    return GST_PAD_PROBE_OK;
+}
+
+void on_about_to_finish(GstElement* pipe, gpointer data) {
+    auto* uris = static_cast<std::pair<std::vector<std::string>*, std::atomic<size_t>*>*>(data);
+    size_t i = uris->second->fetch_add(1);
+    if (i < uris->first->size())
+        g_object_set(pipe, "uri", (*uris->first)[i].c_str(), nullptr);
+}
+
+bool Run::build(std::string* error) {
+    for (const std::string& clip : playlist(s_.media)) {
+        std::string path = make_clip(o_.media_dir, clip, error);
+        if (path.empty())
+            return false;
+        gchar* uri = gst_filename_to_uri(path.c_str(), nullptr);
+        uris_.push_back(uri);
+        g_free(uri);
+    }
+    pipe_ = gst_element_factory_make("playbin", "player");
+    vsink_ = gst_element_factory_make(o_.video_sink.c_str(), "vsink");
+    asink_ = gst_element_factory_make(o_.audio_sink.c_str(), "asink");
+    if (!pipe_ || !vsink_ || !asink_) {
+        *error = "cannot make playbin, " + o_.video_sink + " or " + o_.audio_sink + " (GST_PLUGIN_PATH?)";
+        return false;
+    }
+    for (GstElement* sink : {vsink_, asink_})
+        if (g_object_class_find_property(G_OBJECT_GET_CLASS(sink), "sync"))
+            g_object_set(sink, "sync", TRUE, nullptr);
+    g_object_set(pipe_, "uri", uris_[0].c_str(), "video-sink", vsink_, "audio-sink", asink_, nullptr);
+    static std::pair<std::atomic<bool>*, RunResult*> audio_probe;
+    audio_probe = {&want_audio_base_, &r_};
+    if (GstPad* pad = gst_element_get_static_pad(asink_, "sink")) {
+        gst_pad_add_probe(
+            pad,
+            static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM |
+                                         GST_PAD_PROBE_TYPE_EVENT_FLUSH),
+            on_audio_pad, &audio_probe, nullptr);
+        gst_object_unref(pad);
+    }
+    if (GstPad* pad = gst_element_get_static_pad(vsink_, "sink")) {
+        gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, count_buffer, &video_buffers_, nullptr);
+        gst_object_unref(pad);
+    }
+    static std::pair<std::vector<std::string>*, std::atomic<size_t>*> about;
+    about = {&uris_, &next_uri_};
+    g_signal_connect(pipe_, "about-to-finish", G_CALLBACK(on_about_to_finish), &about);
+    GstBus* bus = gst_element_get_bus(pipe_);
+    gst_bus_set_sync_handler(bus, on_bus, &bus_, nullptr);
+    gst_object_unref(bus);
+    cpu0_ = cpu_seconds();
+    wall0_ = mono_ns();
+    r_.resources.push_back(resources("start"));
+    poller_ = std::thread([this] { poll_positions(); });
+    return true;
+}
+
+// POSITION as an application asks it, every 20 ms.
+void Run::poll_positions() {
+    while (!stop_.load()) {
+        gint64 pos = -1;
+        bool ok = gst_element_query_position(pipe_, GST_FORMAT_TIME, &pos);
+        {
+            std::lock_guard<std::mutex> g(pos_mu_);
+            r_.positions.push_back({mono_ns(), ok ? pos : -1});
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+bool Run::set_state(GstState state, const char* what) {
+    GstStateChangeReturn ret = gst_element_set_state(pipe_, state);
+    if (ret == GST_STATE_CHANGE_FAILURE) {
+        fail(std::string(what) + ": state change failed");
+        return false;
+    }
+    if (ret == GST_STATE_CHANGE_ASYNC)
+        ret = gst_element_get_state(pipe_, nullptr, nullptr, 10 * GST_SECOND);
+    if (ret != GST_STATE_CHANGE_SUCCESS && ret != GST_STATE_CHANGE_NO_PREROLL) {
+        fail(std::string(what) + ": state change did not complete in 10 s");
+        return false;
+    }
+    return true;
+}
+
+bool Run::wait_preroll(uint64_t before, const char* what) {
+    std::unique_lock<std::mutex> g(bus_.mu);
+    bool ok = bus_.cv.wait_for(g, std::chrono::seconds(10),
+                               [&] { return bus_.async_done > before || !bus_.errors.empty(); });
+    if (!ok) {
+        g.unlock();
+        fail(std::string(what) + ": no ASYNC_DONE in 10 s");
+    }
+    return ok;
+}
+
+void Run::sleep_ms(double ms) {
+    std::unique_lock<std::mutex> g(bus_.mu);
+    bus_.cv.wait_for(g, std::chrono::microseconds(static_cast<int64_t>(ms * 1000)),
+                     [&] { return !bus_.errors.empty(); });
+}
+
+int64_t Run::duration_ns() {
+    gint64 d = -1;
+    if (!gst_element_query_duration(pipe_, GST_FORMAT_TIME, &d))
+        return -1;
+    return d;
+}
+
+void Run::seek(int64_t target_ns, double rate) {
+    uint64_t before;
+    {
+        std::lock_guard<std::mutex> g(bus_.mu);
+        before = bus_.async_done;
+    }
+    auto flags = static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE);
+    bool ok = rate > 0 ? gst_element_seek(pipe_, rate, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, target_ns,
+                                          GST_SEEK_TYPE_NONE, -1)
+                       : gst_element_seek(pipe_, rate, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, 0,
+                                          GST_SEEK_TYPE_SET, target_ns);
+    if (!ok) {
+        fail("seek to " + std::to_string(target_ns / 1000000) + " ms refused");
+        return;
+    }
+    if (wait_preroll(before, "seek")) {
+        r_.seeks.push_back({mono_ns(), target_ns, rate});
+        r_.resume_mono_ns.push_back(mono_ns());
+    }
+}
+
+// A picture-in-picture window moving on a circle, from a thread of its own, as a browser's
+// compositor moves it while the streaming thread pushes frames.
+void Run::rect_storm(double ms, double hz) {
+    if (!GST_IS_VIDEO_OVERLAY(vsink_)) {
+        sleep_ms(ms);
+        return;
+    }
+    r_.resources.push_back(resources("storm-start"));
+    std::atomic<bool> done{false};
+    std::thread mover([&] {
+        auto period = std::chrono::microseconds(static_cast<int64_t>(1e6 / hz));
+        auto next = std::chrono::steady_clock::now();
+        for (int i = 0; !done.load(); ++i) {
+            int x = 960 + static_cast<int>(600 * cos(i * 0.05));
+            int y = 540 + static_cast<int>(300 * sin(i * 0.05));
+            gst_video_overlay_set_render_rectangle(GST_VIDEO_OVERLAY(vsink_), x - 320, y - 180, 640, 360);
+            next += period;
+            std::this_thread::sleep_until(next);
+        }
+        gst_video_overlay_set_render_rectangle(GST_VIDEO_OVERLAY(vsink_), 0, 0, -1, -1);
+    });
+    sleep_ms(ms);
+    done = true;
+    mover.join();
+    r_.resources.push_back(resources("storm-end"));
+}
+
+void Run::step(const Step& st) {
+    switch (st.op) {
+        case Op::Preroll: {
+            uint64_t before = bus_.async_done;
+            if (set_state(GST_STATE_PAUSED, "preroll"))
+                wait_preroll(before, "preroll");
+            break;
+        }
+        case Op::Play:
+            r_.play_mono_ns = mono_ns();
+            set_state(GST_STATE_PLAYING, "play");
+            break;
+        case Op::Wait:
+            sleep_ms(st.value);
+            break;
+        case Op::Pause:
+            if (!set_state(GST_STATE_PAUSED, "pause"))
+                break;
+            sleep_ms(st.value);
+            r_.resume_mono_ns.push_back(mono_ns());
+            set_state(GST_STATE_PLAYING, "resume");
+            break;
+        case Op::Seek:
+            seek(static_cast<int64_t>(st.value * 1e6), 1.0);
+            break;
+        case Op::Seeks: {
+            std::mt19937 rng(st.seed);
+            int64_t d = duration_ns();
+            int64_t span = d > 4 * GST_SECOND ? d - 4 * GST_SECOND : GST_SECOND;
+            for (int i = 0; i < st.count && r_.ok; ++i) {
+                int64_t target =
+                    static_cast<int64_t>(rng() % static_cast<uint64_t>(span / GST_MSECOND)) * GST_MSECOND;
+                seek(target, 1.0);
+                sleep_ms(st.every_ms);
+            }
+            break;
+        }
+        case Op::Rate: {
+            gint64 pos = 0;
+            gst_element_query_position(pipe_, GST_FORMAT_TIME, &pos);
+            seek(pos, st.value);
+            sleep_ms(st.hold_ms);
+            break;
+        }
+        case Op::Cycle:
+            r_.resources.push_back(resources("cycle-start"));
+            for (int i = 0; i < st.count && r_.ok; ++i) {
+                set_state(GST_STATE_NULL, "cycle to NULL");
+                next_uri_ = 1;
+                g_object_set(pipe_, "uri", uris_[0].c_str(), nullptr);
+                set_state(GST_STATE_PLAYING, "cycle to PLAYING");
+            }
+            r_.resources.push_back(resources("cycle-end"));
+            break;
+        case Op::RectStorm:
+            rect_storm(st.value, st.hz);
+            break;
+        case Op::Handback:
+            if (g_signal_lookup("hand-back-to-broadcast", G_OBJECT_TYPE(vsink_)) != 0)
+                g_signal_emit_by_name(vsink_, "hand-back-to-broadcast");
+            break;
+        case Op::Eos: {
+            std::unique_lock<std::mutex> g(bus_.mu);
+            if (!bus_.cv.wait_for(g, std::chrono::seconds(120),
+                                  [&] { return bus_.eos || !bus_.errors.empty(); })) {
+                g.unlock();
+                fail("no EOS in 120 s");
+            }
+            break;
+        }
+        case Op::Goal:
+            break;
+    }
+}
+
+void Run::play_steps() {
+    for (const Step& st : s_.steps) {
+        if (!o_.quiet)
+            fprintf(stderr, "conformance: %.3f s %s:%d\n", (mono_ns() - wall0_) / 1e9, s_.path.c_str(),
+                    st.line);
+        step(st);
+        std::lock_guard<std::mutex> g(bus_.mu);
+        if (!bus_.errors.empty() || !r_.ok)
+            break;
+    }
+}
+
+void Run::teardown() {
+    stop_ = true;
+    if (poller_.joinable())
+        poller_.join();
+    if (pipe_) {
+        gst_element_set_state(pipe_, GST_STATE_NULL);
+        gst_object_unref(pipe_);
+        pipe_ = nullptr;
+    }
+}
+
+RunResult Run::finish() {
+    stop_ = true;
+    if (poller_.joinable())
+        poller_.join();
+    if (GstClock* clock = gst_element_get_clock(pipe_)) {
+        r_.clock_name = GST_OBJECT_NAME(clock);
+        GstClock* provided = gst_element_provide_clock(asink_);
+        r_.clock_is_audio_sink = provided == clock;
+        if (provided)
+            gst_object_unref(provided);
+        gst_object_unref(clock);
+    }
+    GstStructure* stats = nullptr;
+    g_object_get(vsink_, "stats", &stats, nullptr);
+    if (stats) {
+        guint64 v = 0;
+        if (gst_structure_get_uint64(stats, "dropped", &v))
+            r_.frames_dropped = v;
+        gst_structure_free(stats);
+    }
+    // The base sink's statistics start again at every state change: the frames are counted
+    // at the sink's pad over the whole run instead.
+    r_.frames_rendered = video_buffers_.load();
+    r_.cpu_seconds = cpu_seconds() - cpu0_;
+    r_.wall_seconds = (mono_ns() - wall0_) / 1e9;
+    teardown();
+    r_.resources.push_back(resources("end"));
+    std::lock_guard<std::mutex> g(bus_.mu);
+    for (auto& e : bus_.errors)
+        r_.errors.push_back(e);
+    r_.warnings = bus_.warnings;
+    if (!bus_.errors.empty())
+        r_.ok = false;
+    return r_;
+}
+
+}  // namespace
+
+RunResult run_scenario(const Scenario& s, const RunOptions& o) {
+    Run run(s, o);
+    std::string error;
+    if (!run.build(&error)) {
+        RunResult r;
+        r.ok = false;
+        r.errors.push_back(error);
+        return r;
+    }
+    run.play_steps();
+    return run.finish();
+}
+
+}  // namespace conformance
