@@ -54,23 +54,27 @@ std::string mapped_path(const char* path) {
 
 bool owns_path(const std::string& p) {
     auto& c = core();
-    if (c.node_device.count(p)) return true;
-    static const char* const kOwnedPrefixes[] = {"/dev/dri/", "/dev/snd/", "/dev/qvl/", "/dev/video", "/dev/qvk",
-                                                 "/dev/kdolby"};
+    if (c.node_device.count(p))
+        return true;
+    static const char* const kOwnedPrefixes[] = {"/dev/dri/",  "/dev/snd/", "/dev/qvl/",
+                                                 "/dev/video", "/dev/qvk",  "/dev/kdolby"};
     for (const char* pre : kOwnedPrefixes)
-        if (p.compare(0, strlen(pre), pre) == 0) return true;
+        if (p.compare(0, strlen(pre), pre) == 0)
+            return true;
     return false;
 }
 
 // Opens an emulated device node. Returns true when the emulator owns the path.
 bool emulated_open(const char* path, int flags, int* result) {
-    if (path == nullptr) return false;
+    if (path == nullptr)
+        return false;
     Inside inside;
     auto& c = core();
     std::string p(path);
     {
         std::lock_guard<std::recursive_mutex> g(c.mu);
-        if (!owns_path(p)) return false;
+        if (!owns_path(p))
+            return false;
     }
     std::lock_guard<std::recursive_mutex> g(c.mu);
     auto dev_it = c.node_device.find(p);
@@ -80,7 +84,8 @@ bool emulated_open(const char* path, int flags, int* result) {
     ev.device = dev;
     // alsa-lib probes the control devices of every card (/dev/snd/controlC0..31); the
     // absent ones are recorded as the sound card's, so that a filter by device sees them.
-    if (dev == Device::None && p.compare(0, 16, "/dev/snd/control") == 0) ev.device = Device::SoundCtl;
+    if (dev == Device::None && p.compare(0, 16, "/dev/snd/control") == 0)
+        ev.device = Device::SoundCtl;
     ev.path = p;
     ev.name = "open";
     ev.fields["flags"] = flags;
@@ -93,14 +98,16 @@ bool emulated_open(const char* path, int flags, int* result) {
         err = fault.err;
     } else {
         fd = c.create_fd(dev, p);
-        if (fd < 0) err = errno;
+        if (fd < 0)
+            err = errno;
     }
     ev.fd = fd;
     ev.result = fd;
     ev.err = err;
     c.record(std::move(ev));
     *result = fd;
-    if (fd < 0) errno = err;
+    if (fd < 0)
+        errno = err;
     return true;
 }
 
@@ -111,7 +118,8 @@ int open_mode(int flags, va_list ap) {
 template <typename Fn>
 int open_with(const char* sym, const char* path, int flags, int mode) {
     int fd;
-    if (emulated_open(path, flags, &fd)) return fd;
+    if (emulated_open(path, flags, &fd))
+        return fd;
     std::string mapped = mapped_path(path);
     return real<Fn>(sym)(mapped.empty() ? path : mapped.c_str(), flags, mode);
 }
@@ -119,7 +127,8 @@ int open_with(const char* sym, const char* path, int flags, int mode) {
 template <typename Fn>
 int openat_with(const char* sym, int dirfd, const char* path, int flags, int mode) {
     int fd;
-    if (path && (path[0] == '/' || dirfd == AT_FDCWD) && emulated_open(path, flags, &fd)) return fd;
+    if (path && (path[0] == '/' || dirfd == AT_FDCWD) && emulated_open(path, flags, &fd))
+        return fd;
     std::string mapped = mapped_path(path);
     return real<Fn>(sym)(dirfd, mapped.empty() ? path : mapped.c_str(), flags, mode);
 }
@@ -172,7 +181,8 @@ long emulated_ioctl(int fd, unsigned long req, void* arg) {
     // decoded fields).
     const bool keep_bytes = c.recording;
     size_t size = arg && keep_bytes ? model->record_size(req, arg) : 0;
-    if (size) ev.in.assign(static_cast<uint8_t*>(arg), static_cast<uint8_t*>(arg) + size);
+    if (size)
+        ev.in.assign(static_cast<uint8_t*>(arg), static_cast<uint8_t*>(arg) + size);
 
     // The driver is entered once per request, as on the television.
     emutv::detail::sys_ioctl(fd, 0, nullptr);
@@ -191,11 +201,13 @@ long emulated_ioctl(int fd, unsigned long req, void* arg) {
             ev.fields["status"] = fault.status;
         }
     }
-    if (size) ev.out.assign(static_cast<uint8_t*>(arg), static_cast<uint8_t*>(arg) + size);
+    if (size)
+        ev.out.assign(static_cast<uint8_t*>(arg), static_cast<uint8_t*>(arg) + size);
     ev.result = result;
     ev.err = result < 0 ? err : 0;
     c.record_copy(ev);
-    if (result < 0) errno = err;
+    if (result < 0)
+        errno = err;
     return result;
 }
 
@@ -217,7 +229,9 @@ long emulated_write(int fd, const void* buf, size_t n) {
     ev.fd = fd;
     ev.name.assign("write");
     ev.fields["size"] = static_cast<long long>(n);
-    if (buf && n && c.recording) ev.in.assign(static_cast<const uint8_t*>(buf), static_cast<const uint8_t*>(buf) + std::min<size_t>(n, 64));
+    if (buf && n && c.recording)
+        ev.in.assign(static_cast<const uint8_t*>(buf),
+                     static_cast<const uint8_t*>(buf) + std::min<size_t>(n, 64));
     emutv::detail::sys_write(fd, buf, n);  // into /dev/null: one kernel entry
     Fault fault;
     long result;
@@ -231,7 +245,8 @@ long emulated_write(int fd, const void* buf, size_t n) {
     ev.result = result;
     ev.err = result < 0 ? err : 0;
     c.record_copy(ev);
-    if (result < 0) errno = err;
+    if (result < 0)
+        errno = err;
     return result;
 }
 
@@ -240,7 +255,8 @@ int emulated_close(int fd) {
     auto& c = core();
     std::lock_guard<std::recursive_mutex> g(c.mu);
     auto it = c.files.find(fd);
-    if (it == c.files.end()) return emutv::detail::sys_close(fd);
+    if (it == c.files.end())
+        return emutv::detail::sys_close(fd);
     Event ev;
     ev.kind = Kind::Close;
     ev.device = it->second.device;
@@ -249,7 +265,8 @@ int emulated_close(int fd) {
     ev.name = "close";
     Fault fault;
     const bool faulted = c.take_fault("close:" + ev.path, &fault) && !fault.is_status;
-    if (it->second.model) it->second.model->on_close(fd);
+    if (it->second.model)
+        it->second.model->on_close(fd);
     c.files.erase(it);
     c.emulated[fd].store(0);
     int r = emutv::detail::sys_close(fd);
@@ -260,7 +277,8 @@ int emulated_close(int fd) {
     }
     ev.result = r;
     c.record(std::move(ev));
-    if (faulted) errno = fault.err;
+    if (faulted)
+        errno = fault.err;
     return r;
 }
 
@@ -300,8 +318,12 @@ EMUTV_EXPORT int open64(const char* path, int flags, ...) {
     return open_with<open_fn>("open64", path, flags, mode);
 }
 
-EMUTV_EXPORT int __open_2(const char* path, int flags) { return open_with<open_fn>("open", path, flags, 0); }
-EMUTV_EXPORT int __open64_2(const char* path, int flags) { return open_with<open_fn>("open64", path, flags, 0); }
+EMUTV_EXPORT int __open_2(const char* path, int flags) {
+    return open_with<open_fn>("open", path, flags, 0);
+}
+EMUTV_EXPORT int __open64_2(const char* path, int flags) {
+    return open_with<open_fn>("open64", path, flags, 0);
+}
 
 EMUTV_EXPORT int openat(int dirfd, const char* path, int flags, ...) {
     va_list ap;
@@ -327,7 +349,8 @@ EMUTV_EXPORT int __openat64_2(int dirfd, const char* path, int flags) {
 }
 
 EMUTV_EXPORT int close(int fd) {
-    if (core().is_emulated(fd)) return emulated_close(fd);
+    if (core().is_emulated(fd))
+        return emulated_close(fd);
     return emutv::detail::sys_close(fd);
 }
 
@@ -336,13 +359,15 @@ EMUTV_EXPORT int ioctl(int fd, unsigned long req, ...) __THROW {
     va_start(ap, req);
     void* arg = va_arg(ap, void*);
     va_end(ap);
-    if (core().is_emulated(fd)) return static_cast<int>(emulated_ioctl(fd, req, arg));
+    if (core().is_emulated(fd))
+        return static_cast<int>(emulated_ioctl(fd, req, arg));
     static auto real_ioctl = real<int (*)(int, unsigned long, ...)>("ioctl");
     return real_ioctl(fd, req, arg);
 }
 
 EMUTV_EXPORT ssize_t write(int fd, const void* buf, size_t n) {
-    if (core().is_emulated(fd)) return emulated_write(fd, buf, n);
+    if (core().is_emulated(fd))
+        return emulated_write(fd, buf, n);
     return emutv::detail::sys_write(fd, buf, n);
 }
 
@@ -372,7 +397,8 @@ EMUTV_EXPORT int stat64(const char* path, struct stat64* st) __THROW {
 
 EMUTV_EXPORT void* dlopen(const char* file, int mode) __THROWNL {
     static auto real_dlopen = real<void* (*)(const char*, int)>("dlopen");
-    if (file == nullptr || strcmp(file, kHalPath) != 0) return real_dlopen(file, mode);
+    if (file == nullptr || strcmp(file, kHalPath) != 0)
+        return real_dlopen(file, mode);
     Inside inside;
     HalMode hal = core().hal;
     const char* target = nullptr;
@@ -405,7 +431,8 @@ EMUTV_EXPORT int pthread_create(pthread_t* thread, const pthread_attr_t* attr, v
         auto& c = core();
         std::lock_guard<std::recursive_mutex> g(c.mu);
         Fault fault;
-        if (!c.faults.empty() && c.take_fault("pthread_create", &fault)) return fault.err ? fault.err : EAGAIN;
+        if (!c.faults.empty() && c.take_fault("pthread_create", &fault))
+            return fault.err ? fault.err : EAGAIN;
     }
     return real_create(thread, attr, start, arg);
 }
@@ -431,7 +458,8 @@ EMUTV_EXPORT int emutv_hal_get_drm_device_id(int card_id) {
             break;
         default:
             // The HAL owns one DRM descriptor for the life of the process.
-            if (c.hal_drm_fd < 0) c.hal_drm_fd = c.create_fd(Device::Drm, "hal:/dev/dri/card0");
+            if (c.hal_drm_fd < 0)
+                c.hal_drm_fd = c.create_fd(Device::Drm, "hal:/dev/dri/card0");
             r = c.hal_drm_fd;
             break;
     }

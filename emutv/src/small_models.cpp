@@ -122,7 +122,8 @@ void DecoderModel::reset() {
     memcpy(display_frame.data(), &d, sizeof(d));
 }
 
-void DecoderModel::set_display_frame(uint32_t w, uint32_t h, uint32_t aspect, uint32_t framerate, uint32_t port) {
+void DecoderModel::set_display_frame(uint32_t w, uint32_t h, uint32_t aspect, uint32_t framerate,
+                                     uint32_t port) {
     v4l2_drm d;
     memset(&d, 0, sizeof(d));
     d.inputport = static_cast<v4l2_drm_inputport_type>(port);

@@ -150,7 +150,8 @@ void timeline_sync() {
     const int64_t now = clock_now_ns();
     const int32_t hz = core().model<VpltModel>(Device::Vplt).vsync_hz;
     // Nothing moved since the last catch-up (the virtual clock between two of its steps).
-    if (now == t.synced_ns && hz == t.hz && core().model<SoundCardModel>(Device::SoundCtl).writes.size() == t.mixer_writes_seen)
+    if (now == t.synced_ns && hz == t.hz &&
+        core().model<SoundCardModel>(Device::SoundCtl).writes.size() == t.mixer_writes_seen)
         return;
     t.synced_ns = now;
     follow_mixer(t);

@@ -106,7 +106,6 @@ std::vector<Step> steps_of(const std::vector<Event>& events, const std::function
 void split_thread_lines(const std::vector<std::string>& all, std::vector<std::string>* caller,
                         std::vector<std::string>* thread);
 
-
 // One exported call in a given state.
 struct Sequence {
     std::string name;

@@ -97,8 +97,8 @@ TEST(PlatformFileLines, SetsTheAudioDecodersBuffers) {
     std::vector<emutv::lines::PlatformLine> lines;
     std::string error;
     ASSERT_TRUE(emutv::lines::parse_platform_file(
-        "platform compr-device /dev/snd/comprC0D0\nplatform compr buffer=16384 dsp=2048\n", "tv.platform", &lines,
-        &error))
+        "platform compr-device /dev/snd/comprC0D0\nplatform compr buffer=16384 dsp=2048\n", "tv.platform",
+        &lines, &error))
         << error;
     emutv::platform().reset();
     for (const auto& l : lines)

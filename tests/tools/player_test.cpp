@@ -436,10 +436,10 @@ TEST_F(PlayerTest, PictureOfTheDefaultScenarioShowsThePlaneWhereTheTracePutIt) {
     for (const auto& l : lines("trace: ")) {
         std::smatch m;
         if (std::regex_match(l, m, trace_line))
-            setplane.push_back(Placement{static_cast<int64_t>(std::llround(std::stod(m[1]) * 1000)),
-                                         std::to_string(field(l, "crtc_x")) + "," + std::to_string(field(l, "crtc_y")) +
-                                             "," + std::to_string(field(l, "crtc_w")) + "," +
-                                             std::to_string(field(l, "crtc_h"))});
+            setplane.push_back(Placement{
+                static_cast<int64_t>(std::llround(std::stod(m[1]) * 1000)),
+                std::to_string(field(l, "crtc_x")) + "," + std::to_string(field(l, "crtc_y")) + "," +
+                    std::to_string(field(l, "crtc_w")) + "," + std::to_string(field(l, "crtc_h"))});
     }
     ASSERT_GT(setplane.size(), 50u);  // the first placement, fifty moves, the new size, the hand-back
 
@@ -451,7 +451,8 @@ TEST_F(PlayerTest, PictureOfTheDefaultScenarioShowsThePlaneWhereTheTracePutIt) {
     for (const auto& r : runs) {
         SCOPED_TRACE(r.at("data-from"));
         const int64_t from = static_cast<int64_t>(std::llround(std::stod(r.at("data-from")) * 1000));
-        const std::string rect = r.at("data-x") + "," + r.at("data-y") + "," + r.at("data-w") + "," + r.at("data-h");
+        const std::string rect =
+            r.at("data-x") + "," + r.at("data-y") + "," + r.at("data-w") + "," + r.at("data-h");
         const Placement* last = nullptr;
         for (const auto& p : setplane)
             if (p.t_us <= from)
@@ -510,14 +511,15 @@ TEST_F(PlayerTest, PictureOfTheDefaultScenarioShowsThePlaneWhereTheTracePutIt) {
     // The events of one instant are each labelled; no two labels of a row overlap.
     std::multiset<std::string> at_5000;
     std::map<std::string, std::vector<std::pair<double, double>>> rows;
-    static const std::regex label(R"re(<text class="event-label" data-t="([^"]*)" data-what="([^"]*)" data-row="(\d+)" data-count="\d+" data-width="([^"]*)" x="([^"]*)")re");
+    static const std::regex label(
+        R"re(<text class="event-label" data-t="([^"]*)" data-what="([^"]*)" data-row="(\d+)" data-count="\d+" data-width="([^"]*)" x="([^"]*)")re");
     for (std::sregex_iterator it(svg.begin(), svg.end(), label), end; it != end; ++it) {
         if ((*it)[1] == "5000")
             at_5000.insert((*it)[2]);
         rows[(*it)[3]].emplace_back(std::stod((*it)[5]), std::stod((*it)[5]) + std::stod((*it)[4]));
     }
-    EXPECT_EQ(at_5000, (std::multiset<std::string>{"audio-mute", "mute", "mute", "resolution", "source", "speed",
-                                                   "volume", "volume"}));
+    EXPECT_EQ(at_5000, (std::multiset<std::string>{"audio-mute", "mute", "mute", "resolution", "source",
+                                                   "speed", "volume", "volume"}));
     ASSERT_FALSE(rows.empty());
     for (auto& kv : rows) {
         std::sort(kv.second.begin(), kv.second.end());
@@ -543,7 +545,8 @@ TEST_F(PlayerTest, PictureOfTheDefaultScenarioShowsThePlaneWhereTheTracePutIt) {
 
 TEST_F(PlayerTest, PictureOfAnAudioOnlySessionDrawsNoPlane) {
     std::string svg_path = dir_ + "/audio.svg";
-    ASSERT_EQ(play({"--svg", svg_path, std::string(RUVO_SCENARIO_DIR) + "/audio.scn"}), tvsp::kExitOk) << err_;
+    ASSERT_EQ(play({"--svg", svg_path, std::string(RUVO_SCENARIO_DIR) + "/audio.scn"}), tvsp::kExitOk)
+        << err_;
     std::ifstream in(svg_path);
     std::stringstream ss;
     ss << in.rdbuf();

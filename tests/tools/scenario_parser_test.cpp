@@ -307,8 +307,10 @@ TEST(ScenarioParserErrors, AFaultOnAnUnknownRequestIsRefused) {
     // A compressed-offload node is known from its compr-device line on.
     EXPECT_EQ(parse_error("platform fail open:/dev/snd/comprC0D0 EIO\n"),
               "s.scn:1: platform fail: unknown request 'open:/dev/snd/comprC0D0'" + expected);
-    parse_ok("platform compr-device /dev/snd/comprC0D0\nplatform fail open:/dev/snd/comprC0D0 EIO\n"
-             "platform fail close:/dev/qvkvplt EIO\nplatform fail write EIO\nplatform fail pthread_create EAGAIN\n");
+    parse_ok(
+        "platform compr-device /dev/snd/comprC0D0\nplatform fail open:/dev/snd/comprC0D0 EIO\n"
+        "platform fail close:/dev/qvkvplt EIO\nplatform fail write EIO\nplatform fail pthread_create "
+        "EAGAIN\n");
 }
 
 TEST(ScenarioParserErrors, VsyncIsInHzAndMeaninglessRatesAreRefused) {
@@ -327,9 +329,10 @@ TEST(ScenarioParserErrors, VsyncIsInHzAndMeaninglessRatesAreRefused) {
 }
 
 TEST(ScenarioParserErrors, APanelSideOfZeroIsRefusedAndNoneMeansNoReportedSize) {
-    EXPECT_EQ(parse_error("platform panel 0 0\n"),
-              "s.scn:1: platform panel: a side of 0 is no panel (W and H are 1..16384; 'platform panel none' for "
-              "a connector that reports no size)");
+    EXPECT_EQ(
+        parse_error("platform panel 0 0\n"),
+        "s.scn:1: platform panel: a side of 0 is no panel (W and H are 1..16384; 'platform panel none' for "
+        "a connector that reports no size)");
     EXPECT_EQ(parse_error("platform panel 1920 20000\n"),
               "s.scn:1: platform panel: h=20000 is out of range (1..16384)");
     Scenario sc = parse_ok("platform panel none\nplatform panel 1366 768\n");
@@ -339,9 +342,10 @@ TEST(ScenarioParserErrors, APanelSideOfZeroIsRefusedAndNoneMeansNoReportedSize) 
 }
 
 TEST(ScenarioParserErrors, TheTotalWorkOfALineIsBounded) {
-    EXPECT_EQ(parse_error("audio open /dev/x\naudio push 4096 count=1000000 max-retries=1000000 retry=1\n"),
-              "s.scn:2: audio push: count=1000000 with max-retries=1000000 may make 1000001000000 library calls; "
-              "a line makes at most 10000000 (count x (1 + max-retries))");
+    EXPECT_EQ(
+        parse_error("audio open /dev/x\naudio push 4096 count=1000000 max-retries=1000000 retry=1\n"),
+        "s.scn:2: audio push: count=1000000 with max-retries=1000000 may make 1000001000000 library calls; "
+        "a line makes at most 10000000 (count x (1 + max-retries))");
     parse_ok("audio open /dev/x\naudio push 4096 count=9990 retry=1\n");  // 9990 x 1001
 }
 

@@ -191,7 +191,7 @@ class Session {
     size_t setplanes_ = 0, mutes_ = 0, unmutes_ = 0;
     std::vector<std::string> source_changes_;
     std::vector<emutv::TimelineEntry> timeline_;  // the emulated TV's log
-    std::vector<CallMark> marks_;                  // unexpected results, no-space answers
+    std::vector<CallMark> marks_;                 // unexpected results, no-space answers
     int audio_run_ = 0;
 
     // Calls

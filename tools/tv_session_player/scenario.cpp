@@ -174,10 +174,10 @@ void check_total_work(const Command& c) {
     const int64_t retries = c.num("max-retries", 1000);
     if (count * (1 + retries) <= kMaxCallsPerLine)
         return;
-    throw LineError(c.name + ": count=" + std::to_string(count) + " with max-retries=" + std::to_string(retries) +
-                    " may make " + std::to_string(count * (1 + retries)) +
-                    " library calls; a line makes at most " + std::to_string(kMaxCallsPerLine) +
-                    " (count x (1 + max-retries))");
+    throw LineError(c.name + ": count=" + std::to_string(count) +
+                    " with max-retries=" + std::to_string(retries) + " may make " +
+                    std::to_string(count * (1 + retries)) + " library calls; a line makes at most " +
+                    std::to_string(kMaxCallsPerLine) + " (count x (1 + max-retries))");
 }
 
 Cmd scenario_cmd(emutv::lines::PlatformCmd p) {
@@ -218,7 +218,8 @@ Cmd scenario_cmd(emutv::lines::PlatformCmd p) {
 }
 
 // Platform lines: the emulator's own parser, as for a platform file.
-void parse_platform(const std::vector<std::string>& toks, emutv::lines::PlatformParseState* state, Command* out) {
+void parse_platform(const std::vector<std::string>& toks, emutv::lines::PlatformParseState* state,
+                    Command* out) {
     emutv::lines::PlatformLine line = emutv::lines::parse_platform_line(toks, state);
     out->cmd = scenario_cmd(line.cmd);
     out->platform = line.cmd;
@@ -528,7 +529,8 @@ Environment
 )";
 
 const char* scenario_help() {
-    static const std::string text = std::string(kScenarioHelpHead) + emutv::lines::platform_help() + kScenarioHelpTail;
+    static const std::string text =
+        std::string(kScenarioHelpHead) + emutv::lines::platform_help() + kScenarioHelpTail;
     return text.c_str();
 }
 

@@ -119,17 +119,17 @@ struct Event {
     uint64_t seq = 0;
     Device device = Device::None;
     Kind kind = Kind::Ioctl;
-    std::string path;        // path the descriptor was opened with
+    std::string path;  // path the descriptor was opened with
     int fd = -1;
     unsigned long request = 0;
-    std::string name;        // "open", "close", "write", "DRM_IOCTL_MODE_SETPLANE", "FR2IP_SetPTS", ...
+    std::string name;          // "open", "close", "write", "DRM_IOCTL_MODE_SETPLANE", "FR2IP_SetPTS", ...
     std::vector<uint8_t> in;   // record bytes as the caller passed them (write: the data)
     std::vector<uint8_t> out;  // record bytes as the driver left them
     // Video-platform commands: bytes behind arg1..arg7 and ret (index 7) after the call;
     // empty for a null argument.
     std::vector<std::vector<uint8_t>> args;
-    Fields fields;                             // decoded values that matter
-    std::map<std::string, std::string> text;   // decoded text values (a mixer control's name)
+    Fields fields;                            // decoded values that matter
+    std::map<std::string, std::string> text;  // decoded text values (a mixer control's name)
     long long result = 0;
     int err = 0;  // errno when result < 0
     // 0: the process's main thread; 1, 2, ...: another thread, numbered by its first request.
@@ -139,7 +139,7 @@ struct Event {
     long long field(const std::string& key) const;  // throws when absent
     bool has(const std::string& key) const { return fields.count(key) != 0; }
     template <typename T>
-    T record_in() const;   // `in` as a record
+    T record_in() const;  // `in` as a record
     template <typename T>
     T record_out() const;
 };
@@ -180,7 +180,7 @@ enum class HalMode {
 };
 
 class Platform {
-public:
+  public:
     // Back to the power-on state: default devices at their default paths, default
     // topology and answers, no faults, an empty record, an empty sandbox. Descriptors
     // still open on emulated devices stay valid (their device keeps answering).
@@ -209,8 +209,8 @@ public:
     std::vector<Event> events() const;
     std::vector<Event> events(const std::string& name) const;
     std::vector<Event> events(Device d) const;
-    size_t count(const std::string& name) const;   // counted also while recording is off
-    size_t total_requests() const;                  // ioctl + write, counted also while off
+    size_t count(const std::string& name) const;  // counted also while recording is off
+    size_t total_requests() const;                // ioctl + write, counted also while off
     void clear_events();
     void set_recording(bool on);
     // Called with every event as it is recorded (the session player's live trace). While
@@ -224,7 +224,7 @@ public:
     // the mount points probed for the log, and "<mount>/ruvo-interface.log" resolve below
     // this directory. It is created empty by reset() and removed at exit.
     std::string sandbox_root() const;
-    std::string sandbox_path(const std::string& path) const;   // where `path` really lives
+    std::string sandbox_path(const std::string& path) const;  // where `path` really lives
     void sandbox_write(const std::string& path, const std::string& content);
     void sandbox_mkdir(const std::string& path);
     bool sandbox_exists(const std::string& path) const;
