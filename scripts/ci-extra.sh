@@ -51,10 +51,15 @@ failed=0
 #  - AudioPush.a_block_size_with_the_sign_bit_passes_the_room_check (A4) hands over a 64-byte
 #    buffer with a block size of 2 GiB on purpose (the emulated device reads nothing); the
 #    sanitizer's write() interceptor reads the whole block, as a real device would.
+#  - the tests that start programs with LD_PRELOAD=libemutv.so (labels 'preload' and
+#    'conformance'): the sanitizer's runtime must be the first library of a process, which a
+#    preloaded instrumented library is not; and the callgrind cost checks (label 'cost'),
+#    which run under valgrind. They run in the native build (scripts/test-all.sh).
 # Death tests (suites named *DeathTest) run apart: their child processes end themselves by
 # design, without cleaning up, so they are not leak-checked, and a child that is meant to
 # die of SIGSEGV gets the kernel's signal rather than the sanitizer's report.
 asan_exclude='_alloc_test_NOT_BUILT$|^FrameSize\.zero_over_zero_raises_sigfpe$|^FrameSize\.zero_by_zero_picture_of_known_aspect_raises_sigfpe$|^FrameSizeDeathTest\.|^AudioPush\.a_block_size_with_the_sign_bit_passes_the_room_check$|^PositioningDeathTest\.null_rectangle_with_the_info_level_on_is_read_before_the_check$'
+asan_exclude_labels='preload|conformance|cost'
 asan_common=strict_string_checks=1:detect_stack_use_after_return=1:check_initialization_order=1
 # Intended leaks and leaks of the test harness, each explained in the file.
 lsan_options=suppressions=$PWD/scripts/lsan.supp:print_suppressions=0
@@ -103,13 +108,15 @@ stage_asan() {
     # that the suppressions find the functions they name.
     ASAN_OPTIONS=detect_leaks=1:fast_unwind_on_malloc=0:$asan_common LSAN_OPTIONS=$lsan_options \
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 RUVO_SOAK_SCALE=10 \
-        ctest --test-dir build/asan --output-on-failure -j "$jobs" -E "$asan_exclude|DeathTest\." 2>&1 | tee "$log"
+        ctest --test-dir build/asan --output-on-failure -j "$jobs" -E "$asan_exclude|DeathTest\." \
+            -LE "$asan_exclude_labels" 2>&1 | tee "$log"
     local status=${PIPESTATUS[0]}
     local detail
     detail="$(ran "$log")"
     ASAN_OPTIONS=detect_leaks=0:handle_segv=0:$asan_common \
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-        ctest --test-dir build/asan --output-on-failure -j "$jobs" -R 'DeathTest\.' -E "$asan_exclude" 2>&1 | tee "$log"
+        ctest --test-dir build/asan --output-on-failure -j "$jobs" -R 'DeathTest\.' -E "$asan_exclude" \
+            -LE "$asan_exclude_labels" 2>&1 | tee "$log"
     [ "${PIPESTATUS[0]}" -eq 0 ] || status=1
     detail="$detail; death tests: $(ran "$log")"
     record asan "$status" "$start" "$detail"
