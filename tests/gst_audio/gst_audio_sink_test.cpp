@@ -327,9 +327,9 @@ TEST_F(GstAudioTest, it_is_a_stream_volume_so_playbin_uses_it) {
 
 TEST_F(GstAudioTest, stats_are_read_only_and_documented) {
     auto* klass = static_cast<GObjectClass*>(g_type_class_ref(RUVO_TYPE_AUDIO_SINK));
-    GParamSpec* spec = g_object_class_find_property(klass, "stats");
-    ASSERT_NE(spec, nullptr);
-    EXPECT_FALSE(spec->flags & G_PARAM_WRITABLE);
+    GParamSpec* stats_param = g_object_class_find_property(klass, "stats");
+    ASSERT_NE(stats_param, nullptr);
+    EXPECT_FALSE(stats_param->flags & G_PARAM_WRITABLE);
     for (const char* name : {"device", "sync-mode", "volume", "mute", "stats"}) {
         GParamSpec* p = g_object_class_find_property(klass, name);
         ASSERT_NE(p, nullptr) << name;
