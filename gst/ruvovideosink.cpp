@@ -116,6 +116,7 @@ struct SinkState {
     std::atomic<guint64> dropped{0};
     std::atomic<guint64> first_frame_latency_ns{0};
     std::atomic<guint64> vsyncs_seen{0};
+    std::atomic<guint64> latch_lead_ns{kDefaultVsyncPeriodUs * 1000};  // one vsync of the panel
     std::atomic<guint64> rectangle_updates{0};
     std::atomic<guint64> resolution_changes{0};
     std::atomic<guint64> failed_calls{0};
@@ -369,6 +370,17 @@ GstFlowReturn frame_refused(RuvoVideoSink* self, const char* call, int rc) {
     return GST_FLOW_OK;
 }
 
+// One vsync period of the panel, from the frame-rate driver.
+gint64 vsync_period_us(RuvoVideoSink* self) {
+    SinkState& s = *self->s;
+    quarvel_video_output_vsync_info_s info{};
+    Lock lock(s.handle_lock);
+    if (s.output == nullptr || quarvel_video_output_get_vsync_info(s.output, &info) < 0 || info.fps < 1.0) {
+        return kDefaultVsyncPeriodUs;
+    }
+    return static_cast<gint64>(1e6 / info.fps);
+}
+
 // Hands `buf` to the plane: the first frame of the handle goes to the first-frame call,
 // later ones are pushed (after a resolution announcement when their size changed).
 GstFlowReturn show_buffer(RuvoVideoSink* self, GstBuffer* buf, bool set_display_time) {
@@ -380,6 +392,7 @@ GstFlowReturn show_buffer(RuvoVideoSink* self, GstBuffer* buf, bool set_display_
     const GstClockTime stream_time = stream_time_of(GST_BASE_SINK_CAST(self), buf);
     s.frame.v4l2_frame = &s.desc;
     bool latched_now = false;
+    bool first_frame = false;
     const char* call = nullptr;
     int rc = 0;
     {
@@ -388,6 +401,7 @@ GstFlowReturn show_buffer(RuvoVideoSink* self, GstBuffer* buf, bool set_display_
             return GST_FLOW_FLUSHING;
         }
         if (!s.output->m_first_frame_initialized) {
+            first_frame = true;
             call = "quarvel_video_output_init_with_first_frame";
             s.first_frame_us = g_get_monotonic_time();
             rc = quarvel_video_output_init_with_first_frame(s.output, &s.frame);
@@ -412,6 +426,9 @@ GstFlowReturn show_buffer(RuvoVideoSink* self, GstBuffer* buf, bool set_display_
     if (rc < 0) {
         return frame_refused(self, call, rc);
     }
+    if (first_frame) {
+        s.latch_lead_ns = static_cast<guint64>(vsync_period_us(self)) * 1000;
+    }
     s.failed_in_a_row = 0;
     gst_buffer_replace(&s.last_buffer, buf);
     if (latched_now) {
@@ -423,15 +440,6 @@ GstFlowReturn show_buffer(RuvoVideoSink* self, GstBuffer* buf, bool set_display_
 // ---------------------------------------------------------------------------------------
 // End of stream: posted once the last frame is latched on the panel.
 
-gint64 vsync_period_us(RuvoVideoSink* self) {
-    SinkState& s = *self->s;
-    quarvel_video_output_vsync_info_s info{};
-    Lock lock(s.handle_lock);
-    if (s.output == nullptr || quarvel_video_output_get_vsync_info(s.output, &info) < 0 || info.fps < 1.0) {
-        return kDefaultVsyncPeriodUs;
-    }
-    return static_cast<gint64>(1e6 / info.fps);
-}
 
 // Frames the decoder still holds, or 0 when it cannot tell.
 uint32_t frames_held(RuvoVideoSink* self) {
@@ -535,6 +543,23 @@ gboolean sink_set_caps(GstBaseSink* bsink, GstCaps* caps) {
         apply_rect_locked(self);
     }
     return TRUE;
+}
+
+// A frame handed over at its time is latched at the next vsync, up to one period later, and
+// stays until the next latch: the sound would run ahead of the picture by up to a vsync.
+// Handed over one vsync early, it is on the panel from at most one period before its time
+// and never after it.
+void sink_get_times(GstBaseSink* bsink, GstBuffer* buf, GstClockTime* start, GstClockTime* end) {
+    *start = GST_BUFFER_PTS_IS_VALID(buf) ? GST_BUFFER_PTS(buf) : GST_BUFFER_DTS(buf);
+    *end = GST_CLOCK_TIME_NONE;
+    if (!GST_CLOCK_TIME_IS_VALID(*start)) {
+        return;
+    }
+    const GstClockTime lead = reinterpret_cast<RuvoVideoSink*>(bsink)->s->latch_lead_ns.load();
+    *start = *start > lead ? *start - lead : 0;
+    if (GST_BUFFER_DURATION_IS_VALID(buf)) {
+        *end = *start + GST_BUFFER_DURATION(buf);
+    }
 }
 
 GstFlowReturn sink_preroll(GstBaseSink* bsink, GstBuffer* buf) {
@@ -919,6 +944,7 @@ static void ruvo_video_sink_class_init(RuvoVideoSinkClass* klass) {
     element_class->query = element_query;
 
     base_class->set_caps = sink_set_caps;
+    base_class->get_times = sink_get_times;
     base_class->preroll = sink_preroll;
     base_class->render = sink_render;
     base_class->wait_event = sink_wait_event;

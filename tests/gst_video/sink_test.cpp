@@ -93,8 +93,13 @@ TEST_F(SinkTest, ThePrerollFrameIsShownInPausedAndTimedInPlaying) {
     EXPECT_EQ(pts_of(requests("FR2IP_SetPTS")[0]), 0);
 }
 
-TEST_F(SinkTest, FramesArePushedAtTheirRenderTimeOnThePipelineClock) {
+// A frame handed over at its time would reach the panel at the next vsync, up to a period
+// late: each is handed over one vsync period of the panel before its time instead.
+TEST_F(SinkTest, FramesArePushedOneVsyncBeforeTheirRenderTimeOnThePipelineClock) {
     start(kCaps1080, true);
+    const double panel_hz = tv().vplt().vsync_hz / 1000.0;  // 59.94 Hz
+    const GstClockTime lead = static_cast<GstClockTime>(1e6 / panel_hz) * GST_USECOND;
+    ASSERT_EQ(lead, 16683 * GST_USECOND);
     GstTestClock* clock = gst_harness_get_testclock(h_);
     std::thread pusher([&] { push_frames(4); });
     for (int k = 0; k < 4; ++k) {
@@ -104,8 +109,9 @@ TEST_F(SinkTest, FramesArePushedAtTheirRenderTimeOnThePipelineClock) {
         ASSERT_TRUE(gst_harness_crank_single_clock_wait(h_));
         ASSERT_TRUE(eventually([&] { return count("FR2IP_SetPTS") == static_cast<size_t>(k + 1); }));
         EXPECT_EQ(count("DRM_IOCTL_SDP_SET_DP_SOURCE"), static_cast<size_t>(2 + k));
-        EXPECT_EQ(gst_clock_get_time(GST_CLOCK(clock)), k * kFrame);
-        EXPECT_EQ(pts_of(requests("FR2IP_SetPTS").back()), k * 3600);  // 90 kHz
+        // The first frame's time is the start of the stream: it cannot go earlier.
+        EXPECT_EQ(gst_clock_get_time(GST_CLOCK(clock)), k == 0 ? 0 : k * kFrame - lead);
+        EXPECT_EQ(pts_of(requests("FR2IP_SetPTS").back()), k * 3600);  // 90 kHz, its own time
     }
     pusher.join();
     auto pushed = requests("DRM_IOCTL_SDP_SET_DP_SOURCE");

@@ -58,14 +58,17 @@ std::string make_clip(const std::string& dir, const std::string& name, std::stri
 // ---- A run ----------------------------------------------------------------------------------
 
 struct PositionSample {
-    int64_t mono_ns = 0;  // CLOCK_MONOTONIC when the answer came
-    int64_t position_ns = -1;
+    int64_t mono_ns = 0;             // CLOCK_MONOTONIC when the answer came
+    int64_t position_ns = -1;        // the pipeline's answer (the larger of its sinks')
+    int64_t video_position_ns = -1;  // the video sink's own answer
+    int64_t audio_position_ns = -1;  // the audio sink's own answer
 };
 
 struct SeekSample {
     int64_t mono_ns = 0;  // when the seek returned
     int64_t target_ns = 0;
     double rate = 1.0;
+    int64_t requested_mono_ns = 0;  // when it was asked for
 };
 
 struct ResourceSample {

@@ -98,6 +98,14 @@ int64_t frame_duration_ns(const Timeline& tl) {
     return d[d.size() / 2];
 }
 
+// While a seek is under way POSITION answers its target, before any frame of it is shown.
+bool seeking(const RunResult& r, int64_t t) {
+    for (const SeekSample& sk : r.seeks)
+        if (sk.requested_mono_ns > 0 && t >= sk.requested_mono_ns && t < sk.mono_ns)
+            return true;
+    return false;
+}
+
 bool near_resume(const RunResult& r, int64_t t, int64_t window_ns) {
     for (int64_t x : r.resume_mono_ns)
         if (t >= x && t < x + window_ns)
@@ -186,7 +194,7 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
         if (p.position_ns < 0)
             continue;
         const VsyncEntry* v = panel_at(tl, p.mono_ns);
-        if (!v || v->pts_ns < 0 || near_resume(r, p.mono_ns, settle))
+        if (!v || v->pts_ns < 0 || seeking(r, p.mono_ns) || near_resume(r, p.mono_ns, settle))
             continue;
         double lead = std::max<int64_t>(0, p.position_ns - (v->pts_ns + frame)) / 1e6;
         f.position_ahead_max_ms = std::max(f.position_ahead_max_ms, lead);

@@ -3,6 +3,7 @@
 // and descriptors); what the panel showed and the loudspeakers played comes from the
 // emulated TV's timeline afterwards.
 #include <dirent.h>
+#include <malloc.h>
 #include <gst/gst.h>
 #include <gst/video/videooverlay.h>
 #include <stdio.h>
@@ -10,6 +11,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <chrono>
@@ -22,6 +24,15 @@
 
 namespace conformance {
 namespace {
+
+// How long the pipeline is left to finish what a storm started before its resources are
+// sampled.
+constexpr double kSettleMs = 500;
+
+// The first NULL <-> PLAYING cycles of a playbin fill caches that stay (GStreamer's, the
+// decoders' and the C library's, some megabytes, the same with fakesinks): growth counts
+// from the cycle after them.
+constexpr int kWarmupCycles = 20;
 
 int64_t mono_ns() {
     timespec ts;
@@ -38,6 +49,9 @@ double cpu_seconds() {
 ResourceSample resources(const std::string& when) {
     ResourceSample r;
     r.when = when;
+    // Freed heap that the C library keeps for reuse is not growth: hand it back first, so
+    // that resident memory counts what is still allocated.
+    malloc_trim(0);
     if (FILE* f = fopen("/proc/self/statm", "r")) {
         long size = 0, rss = 0;
         if (fscanf(f, "%ld %ld", &size, &rss) == 2)
@@ -93,8 +107,20 @@ GstBusSyncReply on_bus(GstBus*, GstMessage* m, gpointer data) {
             break;
     }
     log->cv.notify_all();
+    // A sync handler that drops a message owns it: each message holds its source
+    // element, so a message left unreffed keeps a whole decoding chain alive.
+    gst_message_unref(m);
     return GST_BUS_DROP;
 }
+
+// The first audio buffer the sink plays after the start, a flush or a new stream: the
+// decoder's media time counts from it. Buffers wholly before the segment's start are
+// dropped by the sink unplayed and do not count.
+struct AudioBaseProbe {
+    std::atomic<bool> want{true};
+    GstClockTime segment_start = 0;  // streaming thread only
+    RunResult* result = nullptr;
+};
 
 class Run {
   public:
@@ -132,24 +158,35 @@ class Run {
     std::atomic<bool> stop_{false};
     std::thread poller_;
     std::mutex pos_mu_;
-    std::atomic<bool> want_audio_base_{true};
+    AudioBaseProbe audio_probe_;
     std::atomic<uint64_t> video_buffers_{0};
     double cpu0_ = 0;
     int64_t wall0_ = 0;
 };
 
-// The first audio buffer after the start and after every flush: the decoder's media time
-// counts from it.
 GstPadProbeReturn on_audio_pad(GstPad*, GstPadProbeInfo* info, gpointer data) {
-    auto* run = static_cast<std::pair<std::atomic<bool>*, RunResult*>*>(data);
+    auto* probe = static_cast<AudioBaseProbe*>(data);
     if (GST_PAD_PROBE_INFO_TYPE(info) &
         (GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM | GST_PAD_PROBE_TYPE_EVENT_FLUSH)) {
-        if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_FLUSH_STOP)
-            run->first->store(true);
-    } else if (GstBuffer* b = GST_PAD_PROBE_INFO_BUFFER(info)) {
-        if (run->first->exchange(false) && GST_BUFFER_PTS_IS_VALID(b))
-            run->second->audio_bases.push_back({mono_ns(), static_cast<int64_t>(GST_BUFFER_PTS(b))});
+        GstEvent* e = GST_PAD_PROBE_INFO_EVENT(info);
+        if (GST_EVENT_TYPE(e) == GST_EVENT_FLUSH_STOP || GST_EVENT_TYPE(e) == GST_EVENT_STREAM_START) {
+            probe->want = true;
+        } else if (GST_EVENT_TYPE(e) == GST_EVENT_SEGMENT) {
+            const GstSegment* segment = nullptr;
+            gst_event_parse_segment(e, &segment);
+            probe->segment_start = segment->format == GST_FORMAT_TIME ? segment->start : 0;
+        }
+        return GST_PAD_PROBE_OK;
     }
+    GstBuffer* b = GST_PAD_PROBE_INFO_BUFFER(info);
+    if (b == nullptr || !GST_BUFFER_PTS_IS_VALID(b) || !probe->want.load())
+        return GST_PAD_PROBE_OK;
+    const GstClockTime end =
+        GST_BUFFER_PTS(b) + (GST_BUFFER_DURATION_IS_VALID(b) ? GST_BUFFER_DURATION(b) : 0);
+    if (end <= probe->segment_start && GST_BUFFER_DURATION_IS_VALID(b))
+        return GST_PAD_PROBE_OK;
+    probe->want = false;
+    probe->result->audio_bases.push_back({mono_ns(), static_cast<int64_t>(GST_BUFFER_PTS(b))});
     return GST_PAD_PROBE_OK;
 }
 
@@ -185,14 +222,13 @@ bool Run::build(std::string* error) {
         if (g_object_class_find_property(G_OBJECT_GET_CLASS(sink), "sync"))
             g_object_set(sink, "sync", TRUE, nullptr);
     g_object_set(pipe_, "uri", uris_[0].c_str(), "video-sink", vsink_, "audio-sink", asink_, nullptr);
-    static std::pair<std::atomic<bool>*, RunResult*> audio_probe;
-    audio_probe = {&want_audio_base_, &r_};
+    audio_probe_.result = &r_;
     if (GstPad* pad = gst_element_get_static_pad(asink_, "sink")) {
         gst_pad_add_probe(
             pad,
             static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM |
                                          GST_PAD_PROBE_TYPE_EVENT_FLUSH),
-            on_audio_pad, &audio_probe, nullptr);
+            on_audio_pad, &audio_probe_, nullptr);
         gst_object_unref(pad);
     }
     if (GstPad* pad = gst_element_get_static_pad(vsink_, "sink")) {
@@ -214,12 +250,19 @@ bool Run::build(std::string* error) {
 
 // POSITION as an application asks it, every 20 ms.
 void Run::poll_positions() {
-    while (!stop_.load()) {
+    auto position = [](GstElement* e) {
         gint64 pos = -1;
-        bool ok = gst_element_query_position(pipe_, GST_FORMAT_TIME, &pos);
+        return gst_element_query_position(e, GST_FORMAT_TIME, &pos) ? pos : -1;
+    };
+    while (!stop_.load()) {
+        PositionSample p;
+        p.position_ns = position(pipe_);
+        p.mono_ns = mono_ns();
+        p.video_position_ns = position(vsink_);
+        p.audio_position_ns = position(asink_);
         {
             std::lock_guard<std::mutex> g(pos_mu_);
-            r_.positions.push_back({mono_ns(), ok ? pos : -1});
+            r_.positions.push_back(p);
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
@@ -265,6 +308,7 @@ int64_t Run::duration_ns() {
 }
 
 void Run::seek(int64_t target_ns, double rate) {
+    const int64_t requested = mono_ns();
     uint64_t before;
     {
         std::lock_guard<std::mutex> g(bus_.mu);
@@ -280,7 +324,7 @@ void Run::seek(int64_t target_ns, double rate) {
         return;
     }
     if (wait_preroll(before, "seek")) {
-        r_.seeks.push_back({mono_ns(), target_ns, rate});
+        r_.seeks.push_back({mono_ns(), target_ns, rate, requested});
         r_.resume_mono_ns.push_back(mono_ns());
     }
 }
@@ -309,6 +353,7 @@ void Run::rect_storm(double ms, double hz) {
     sleep_ms(ms);
     done = true;
     mover.join();
+    sleep_ms(kSettleMs);
     r_.resources.push_back(resources("storm-end"));
 }
 
@@ -357,14 +402,21 @@ void Run::step(const Step& st) {
             break;
         }
         case Op::Cycle:
-            r_.resources.push_back(resources("cycle-start"));
+            // Resident memory and descriptors are sampled in NULL, where no buffer is in flight
+            // (what a playing pipeline holds in its queues varies by megabytes from one instant
+            // to the next): at the first cycle, after the warm-up cycles, and at the last.
             for (int i = 0; i < st.count && r_.ok; ++i) {
                 set_state(GST_STATE_NULL, "cycle to NULL");
+                if (i == 0)
+                    r_.resources.push_back(resources("cycle-first"));
+                if (i == std::min(kWarmupCycles, st.count - 1))
+                    r_.resources.push_back(resources("cycle-start"));
+                if (i == st.count - 1)
+                    r_.resources.push_back(resources("cycle-end"));
                 next_uri_ = 1;
                 g_object_set(pipe_, "uri", uris_[0].c_str(), nullptr);
                 set_state(GST_STATE_PLAYING, "cycle to PLAYING");
             }
-            r_.resources.push_back(resources("cycle-end"));
             break;
         case Op::RectStorm:
             rect_storm(st.value, st.hz);

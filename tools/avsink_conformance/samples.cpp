@@ -19,9 +19,11 @@ bool write_samples(const std::string& path, const RunResult& r) {
     for (auto& w : r.warnings)
         fprintf(f, "warning %s\n", w.c_str());
     for (auto& p : r.positions)
-        fprintf(f, "position %lld %lld\n", (long long)p.mono_ns, (long long)p.position_ns);
+        fprintf(f, "position %lld %lld %lld %lld\n", (long long)p.mono_ns, (long long)p.position_ns,
+                (long long)p.video_position_ns, (long long)p.audio_position_ns);
     for (auto& s : r.seeks)
-        fprintf(f, "seek %lld %lld %g\n", (long long)s.mono_ns, (long long)s.target_ns, s.rate);
+        fprintf(f, "seek %lld %lld %g %lld\n", (long long)s.mono_ns, (long long)s.target_ns, s.rate,
+                (long long)s.requested_mono_ns);
     for (auto& x : r.resources)
         fprintf(f, "resource %s %ld %d\n", x.when.c_str(), x.rss_kib, x.fds);
     for (auto& t : r.resume_mono_ns)
@@ -61,11 +63,11 @@ bool read_samples(const std::string& path, RunResult* out) {
             r.warnings.push_back(rest);
         } else if (k == "position") {
             PositionSample p;
-            v >> p.mono_ns >> p.position_ns;
+            v >> p.mono_ns >> p.position_ns >> p.video_position_ns >> p.audio_position_ns;
             r.positions.push_back(p);
         } else if (k == "seek") {
             SeekSample s;
-            v >> s.mono_ns >> s.target_ns >> s.rate;
+            v >> s.mono_ns >> s.target_ns >> s.rate >> s.requested_mono_ns;
             r.seeks.push_back(s);
         } else if (k == "resource") {
             ResourceSample x;
