@@ -184,6 +184,15 @@ static void restore_controls_locked(RuvoAudioSinkState* s) {
     apply_speed_locked(s);
 }
 
+// No stream plays (none yet, or it played out or was stopped): the clock runs on with the
+// monotonic clock as silence plays, and stands while paused. A stream's first block must
+// wait for its running time, which a standing clock would never reach.
+static void start_idle_clock_locked(RuvoAudioSinkState* s) {
+    s->drained = true;
+    s->idle_from = s->last_heard;
+    s->idle_since_ns = monotonic_raw_ns();
+}
+
 static bool open_output_locked(RuvoAudioSink* self) {
     RuvoAudioSinkState* s = self->s;
     errno = 0;
@@ -196,6 +205,7 @@ static bool open_output_locked(RuvoAudioSink* self) {
         return false;
     }
     restore_controls_locked(s);
+    start_idle_clock_locked(s);
     return true;
 }
 
@@ -441,12 +451,6 @@ static GstFlowReturn write_block_locked(RuvoAudioSink* self, const uint8_t* data
     }
 }
 
-static void start_idle_clock_locked(RuvoAudioSinkState* s) {
-    s->drained = true;
-    s->idle_from = s->last_heard;
-    s->idle_since_ns = monotonic_raw_ns();
-}
-
 // Drains the stream: returns once the decoder played everything written.
 static GstFlowReturn drain_locked(RuvoAudioSink* self) {
     RuvoAudioSinkState* s = self->s;
@@ -474,7 +478,8 @@ static GstFlowReturn drain_locked(RuvoAudioSink* self) {
     return GST_FLOW_OK;
 }
 
-// Stops the stream (the driver drops what it holds); the next block starts a new one.
+// Stops the stream (the driver drops what it holds); the next block starts a new one, and
+// until then the clock runs idle.
 static void stop_stream_locked(RuvoAudioSinkState* s) {
     if (s->out != nullptr && s->stream_started) {
         if (s->have_report || poll_locked(s))
@@ -484,7 +489,7 @@ static void stop_stream_locked(RuvoAudioSinkState* s) {
     s->stream_started = false;
     s->have_report = false;
     s->starved = false;
-    s->drained = false;
+    start_idle_clock_locked(s);
 }
 
 // A codec or rate change: the stream before it plays out, then the output is set up anew.
@@ -517,9 +522,24 @@ static const uint8_t* block_bytes(RuvoAudioSinkState* s, const GstMapInfo& map, 
     return s->scratch.data();
 }
 
+// A compressed frame cannot be cut: one that starts before the segment (the frame holding
+// an accurate seek's target) would play its lead-in as the segment's start, and the clock
+// would run ahead of the sound by up to a frame. The sound starts with the first whole frame
+// inside the segment instead. (The base class already drops frames wholly outside it.)
+static bool starts_before_segment(GstBaseSink* bsink, GstBuffer* buffer) {
+    const GstSegment& segment = bsink->segment;
+    return segment.format == GST_FORMAT_TIME && segment.rate > 0 && GST_BUFFER_PTS_IS_VALID(buffer) &&
+           GST_BUFFER_PTS(buffer) < segment.start;
+}
+
 static GstFlowReturn ruvo_audio_sink_render(GstBaseSink* bsink, GstBuffer* buffer) {
     RuvoAudioSink* self = RUVO_AUDIO_SINK(bsink);
     RuvoAudioSinkState* s = self->s;
+    if (starts_before_segment(bsink, buffer)) {
+        GST_LOG_OBJECT(self, "frame at %" GST_TIME_FORMAT " starts before the segment: left out",
+                       GST_TIME_ARGS(GST_BUFFER_PTS(buffer)));
+        return GST_FLOW_OK;
+    }
     GstMapInfo map;
     if (!gst_buffer_map(buffer, &map, GST_MAP_READ))
         return GST_FLOW_ERROR;

@@ -122,6 +122,27 @@ TEST(ConformanceFigures, a_position_ahead_of_the_panel_is_measured) {
     EXPECT_EQ(f.missed[0].rfind("position-ahead-ms 30", 0), 0u) << f.missed[0];
 }
 
+TEST(ConformanceFigures, position_and_av_are_not_judged_while_a_seek_or_a_storm_is_under_way) {
+    RunResult r = run_from_start();
+    // During the seek POSITION already answers its target; the decoder still plays the old
+    // stream while the panel shows the new one (audio 500 ms ahead from 1 s on).
+    r.positions.push_back({kT0 + 1000 * kMs + kMs, 5000 * kMs});
+    r.transitions.push_back({kT0 + 990 * kMs, kT0 + 1010 * kMs});
+    Figures f = compute_figures(scenario(), r, load(timeline_text(200, 0)), nullptr);
+    EXPECT_DOUBLE_EQ(f.position_ahead_max_ms, 0);
+    r.transitions.clear();
+    f = compute_figures(scenario(), r, load(timeline_text(200, 0)), nullptr);
+    EXPECT_DOUBLE_EQ(f.position_ahead_max_ms, 3960);
+}
+
+TEST(ConformanceFigures, position_after_the_last_frame_follows_the_sound_alone) {
+    RunResult r = run_from_start();
+    // The last frame [3960, 4000) ms stays on the panel; the sound goes on to 4037 ms.
+    r.positions.push_back({kT0 + 3990 * kMs, 4037 * kMs});
+    Figures f = compute_figures(scenario(), r, load(timeline_text(200, 0)), nullptr);
+    EXPECT_DOUBLE_EQ(f.position_ahead_max_ms, 0);
+}
+
 TEST(ConformanceFigures, storms_that_grow_descriptors_or_memory_miss_their_goals) {
     RunResult r = run_from_start();
     r.resources = {{"cycle-start", 10000, 12}, {"cycle-end", 12000, 13}};

@@ -255,6 +255,26 @@ TEST_F(Flow, the_clock_never_goes_back_when_the_stream_is_flushed) {
     EXPECT_GE(clock_time(), before);
 }
 
+// Between a flush and the next stream no sound plays, yet the pipeline waits on this clock
+// for the new stream's first block (its running time is rarely exactly 0): the clock runs on
+// as silence plays, and stands while paused.
+TEST_F(Flow, after_a_flush_the_clock_runs_on_until_the_next_stream_starts) {
+    start_with_caps();
+    for (int i = 0; i < 4; ++i)
+        ASSERT_EQ(push(400, i * kFrame), GST_FLOW_OK);
+    script([](emutv::ComprModel& c) { c.copied_total = 1600; });
+    ASSERT_TRUE(gst_harness_push_event(h_, gst_event_new_flush_start()));
+    ASSERT_TRUE(gst_harness_push_event(h_, gst_event_new_flush_stop(TRUE)));
+    const GstClockTime t0 = clock_time();
+    std::this_thread::sleep_for(std::chrono::milliseconds(40));
+    const GstClockTime t1 = clock_time();
+    EXPECT_GE(t1 - t0, 30 * GST_MSECOND);  // slept 40 ms
+    set_state(GST_STATE_PAUSED);
+    const GstClockTime t2 = clock_time();
+    std::this_thread::sleep_for(std::chrono::milliseconds(40));
+    EXPECT_EQ(clock_time(), t2);  // paused: the clock stands
+}
+
 TEST_F(Flow, latency_includes_what_the_decoder_holds) {
     start_with_caps();
     for (int i = 0; i < 5; ++i)

@@ -213,6 +213,27 @@ TEST_F(GstAudioTest, each_buffer_is_one_block_and_the_stream_starts_once) {
     EXPECT_EQ(lines(), std::vector<std::string>{});
 }
 
+// After an accurate seek the demuxer starts with the frame that holds the target; a
+// compressed frame cannot be cut, so the sound starts with the first whole frame inside the
+// segment and the clock counts from that frame's own time.
+TEST_F(GstAudioTest, a_frame_starting_before_the_segment_is_left_out) {
+    start_with_caps();
+    g_object_set(sink(), "sync", FALSE, nullptr);
+    GstSegment segment;
+    gst_segment_init(&segment, GST_FORMAT_TIME);
+    segment.start = 100 * GST_MSECOND;
+    ASSERT_TRUE(gst_harness_push_event(h_, gst_event_new_segment(&segment)));
+    const GstClockTime straddling = segment.start - 10 * GST_MSECOND;  // ends inside the segment
+    ASSERT_EQ(gst_harness_push(h_, block(371, straddling)), GST_FLOW_OK);
+    EXPECT_EQ(write_sizes(), std::vector<size_t>{});
+    EXPECT_EQ(tv().count("SNDRV_COMPRESS_START"), 0u);
+    ASSERT_EQ(gst_harness_push(h_, block(372, straddling + gst_audio_test::kFrame)), GST_FLOW_OK);
+    ASSERT_EQ(gst_harness_push(h_, block(373, straddling + 2 * gst_audio_test::kFrame)), GST_FLOW_OK);
+    EXPECT_EQ(write_sizes(), (std::vector<size_t>{372, 373}));
+    EXPECT_EQ(tv().count("SNDRV_COMPRESS_START"), 1u);
+    EXPECT_EQ(stat("blocks-pushed"), 2u);
+}
+
 TEST_F(GstAudioTest, the_library_counts_every_byte_written_so_its_delay_is_exact) {
     start_with_caps();
     // 3 blocks of 371 bytes: 1113 bytes; the decoder took 1000 of them and holds nothing.

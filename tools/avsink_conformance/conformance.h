@@ -68,7 +68,6 @@ struct SeekSample {
     int64_t mono_ns = 0;  // when the seek returned
     int64_t target_ns = 0;
     double rate = 1.0;
-    int64_t requested_mono_ns = 0;  // when it was asked for
 };
 
 struct ResourceSample {
@@ -93,7 +92,10 @@ struct RunResult {
     std::vector<ResourceSample> resources;
     int64_t play_mono_ns = -1;            // PLAYING asked from prerolled PAUSED
     std::vector<int64_t> resume_mono_ns;  // every return to PLAYING after a pause or seek
-    uint64_t frames_rendered = 0;         // the video sink's own count (base sink stats)
+    // While a seek or a storm of state changes is under way, [from, to): the panel and
+    // POSITION are in between two streams and not judged.
+    std::vector<std::pair<int64_t, int64_t>> transitions;
+    uint64_t frames_rendered = 0;  // the video sink's own count (base sink stats)
     uint64_t frames_dropped = 0;
     double cpu_seconds = 0;  // process CPU over the run
     double wall_seconds = 0;

@@ -98,10 +98,11 @@ int64_t frame_duration_ns(const Timeline& tl) {
     return d[d.size() / 2];
 }
 
-// While a seek is under way POSITION answers its target, before any frame of it is shown.
-bool seeking(const RunResult& r, int64_t t) {
-    for (const SeekSample& sk : r.seeks)
-        if (sk.requested_mono_ns > 0 && t >= sk.requested_mono_ns && t < sk.mono_ns)
+// While a seek is under way POSITION answers its target before any frame of it is shown,
+// and the panel may show the new stream's first frame while the decoder still plays the old.
+bool in_transition(const RunResult& r, int64_t t) {
+    for (const auto& span : r.transitions)
+        if (t >= span.first && t < span.second)
             return true;
     return false;
 }
@@ -170,7 +171,7 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
     const int64_t frame = frame_duration_ns(tl);
     std::vector<double> offsets;
     for (const VsyncEntry& v : tl.vsyncs) {
-        if (v.pts_ns < 0 || v.muted || near_resume(r, v.t_ns, settle))
+        if (v.pts_ns < 0 || v.muted || in_transition(r, v.t_ns) || near_resume(r, v.t_ns, settle))
             continue;
         int64_t a = 0;
         if (!audio_at(tl, r, v.t_ns, &a))
@@ -188,13 +189,16 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
     f.av_p99_ms = percentile(abs_offsets, 0.99);
     f.av_max_ms = abs_offsets.empty() ? 0 : *std::max_element(abs_offsets.begin(), abs_offsets.end());
 
-    // POSITION against the panel.
+    // POSITION against the panel, while the picture lasts: after the last frame the stream
+    // goes on in its sound alone (an audio track a few tens of milliseconds longer is usual).
+    const long last_frame = tl.vsyncs.empty() ? -1 : tl.vsyncs.back().index;
     std::vector<double> errs;
     for (const PositionSample& p : r.positions) {
         if (p.position_ns < 0)
             continue;
         const VsyncEntry* v = panel_at(tl, p.mono_ns);
-        if (!v || v->pts_ns < 0 || seeking(r, p.mono_ns) || near_resume(r, p.mono_ns, settle))
+        if (!v || v->pts_ns < 0 || v->index == last_frame || in_transition(r, p.mono_ns) ||
+            near_resume(r, p.mono_ns, settle))
             continue;
         double lead = std::max<int64_t>(0, p.position_ns - (v->pts_ns + frame)) / 1e6;
         f.position_ahead_max_ms = std::max(f.position_ahead_max_ms, lead);
@@ -227,11 +231,11 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
     for (const VsyncEntry& v : tl.vsyncs) {
         if (v.index == last)
             continue;
-        if (last >= 0 && v.index > last + 1 && !near_resume(r, v.t_ns, settle))
+        if (last >= 0 && v.index > last + 1 && !in_transition(r, v.t_ns) && !near_resume(r, v.t_ns, settle))
             f.dropped += v.index - last - 1;
         int64_t unused = 0;
         bool steady = audio_at(tl, r, since, &unused) && audio_at(tl, r, v.t_ns, &unused) &&
-                      !near_resume(r, v.t_ns, settle);
+                      !in_transition(r, v.t_ns) && !near_resume(r, v.t_ns, settle);
         if (last >= 0 && tl.vsync_period_ns > 0) {
             double n = static_cast<double>(v.t_ns - since) / tl.vsync_period_ns;
             f.pacing.push_back({(v.t_ns - t0) / 1e9, n});

@@ -114,8 +114,8 @@ GstBusSyncReply on_bus(GstBus*, GstMessage* m, gpointer data) {
 }
 
 // The first audio buffer the sink plays after the start, a flush or a new stream: the
-// decoder's media time counts from it. Buffers wholly before the segment's start are
-// dropped by the sink unplayed and do not count.
+// decoder's media time counts from it. The sink leaves out frames that start before the
+// segment (they cannot be cut), so they do not count.
 struct AudioBaseProbe {
     std::atomic<bool> want{true};
     GstClockTime segment_start = 0;  // streaming thread only
@@ -181,9 +181,7 @@ GstPadProbeReturn on_audio_pad(GstPad*, GstPadProbeInfo* info, gpointer data) {
     GstBuffer* b = GST_PAD_PROBE_INFO_BUFFER(info);
     if (b == nullptr || !GST_BUFFER_PTS_IS_VALID(b) || !probe->want.load())
         return GST_PAD_PROBE_OK;
-    const GstClockTime end =
-        GST_BUFFER_PTS(b) + (GST_BUFFER_DURATION_IS_VALID(b) ? GST_BUFFER_DURATION(b) : 0);
-    if (end <= probe->segment_start && GST_BUFFER_DURATION_IS_VALID(b))
+    if (GST_BUFFER_PTS(b) < probe->segment_start)
         return GST_PAD_PROBE_OK;
     probe->want = false;
     probe->result->audio_bases.push_back({mono_ns(), static_cast<int64_t>(GST_BUFFER_PTS(b))});
@@ -324,7 +322,8 @@ void Run::seek(int64_t target_ns, double rate) {
         return;
     }
     if (wait_preroll(before, "seek")) {
-        r_.seeks.push_back({mono_ns(), target_ns, rate, requested});
+        r_.seeks.push_back({mono_ns(), target_ns, rate});
+        r_.transitions.push_back({requested, mono_ns()});
         r_.resume_mono_ns.push_back(mono_ns());
     }
 }
@@ -401,10 +400,12 @@ void Run::step(const Step& st) {
             sleep_ms(st.hold_ms);
             break;
         }
-        case Op::Cycle:
+        case Op::Cycle: {
             // Resident memory and descriptors are sampled in NULL, where no buffer is in flight
             // (what a playing pipeline holds in its queues varies by megabytes from one instant
             // to the next): at the first cycle, after the warm-up cycles, and at the last.
+            // The storm itself is a transition; the last return to PLAYING a resume.
+            const int64_t storm_start = mono_ns();
             for (int i = 0; i < st.count && r_.ok; ++i) {
                 set_state(GST_STATE_NULL, "cycle to NULL");
                 if (i == 0)
@@ -417,7 +418,10 @@ void Run::step(const Step& st) {
                 g_object_set(pipe_, "uri", uris_[0].c_str(), nullptr);
                 set_state(GST_STATE_PLAYING, "cycle to PLAYING");
             }
+            r_.transitions.push_back({storm_start, mono_ns()});
+            r_.resume_mono_ns.push_back(mono_ns());
             break;
+        }
         case Op::RectStorm:
             rect_storm(st.value, st.hz);
             break;

@@ -22,8 +22,9 @@ bool write_samples(const std::string& path, const RunResult& r) {
         fprintf(f, "position %lld %lld %lld %lld\n", (long long)p.mono_ns, (long long)p.position_ns,
                 (long long)p.video_position_ns, (long long)p.audio_position_ns);
     for (auto& s : r.seeks)
-        fprintf(f, "seek %lld %lld %g %lld\n", (long long)s.mono_ns, (long long)s.target_ns, s.rate,
-                (long long)s.requested_mono_ns);
+        fprintf(f, "seek %lld %lld %g\n", (long long)s.mono_ns, (long long)s.target_ns, s.rate);
+    for (auto& t : r.transitions)
+        fprintf(f, "transition %lld %lld\n", (long long)t.first, (long long)t.second);
     for (auto& x : r.resources)
         fprintf(f, "resource %s %ld %d\n", x.when.c_str(), x.rss_kib, x.fds);
     for (auto& t : r.resume_mono_ns)
@@ -67,8 +68,12 @@ bool read_samples(const std::string& path, RunResult* out) {
             r.positions.push_back(p);
         } else if (k == "seek") {
             SeekSample s;
-            v >> s.mono_ns >> s.target_ns >> s.rate >> s.requested_mono_ns;
+            v >> s.mono_ns >> s.target_ns >> s.rate;
             r.seeks.push_back(s);
+        } else if (k == "transition") {
+            std::pair<int64_t, int64_t> t;
+            v >> t.first >> t.second;
+            r.transitions.push_back(t);
         } else if (k == "resource") {
             ResourceSample x;
             v >> x.when >> x.rss_kib >> x.fds;
