@@ -8,15 +8,6 @@
 namespace conformance {
 namespace {
 
-// Video source: a moving ball.
-std::string video(int w, int h, int fps, int seconds, const char* par = "1/1") {
-    return "videotestsrc pattern=ball num-buffers=" + std::to_string(fps * seconds) +
-           " ! video/x-raw,width=" + std::to_string(w) + ",height=" + std::to_string(h) +
-           ",framerate=" + std::to_string(fps) + "/1,pixel-aspect-ratio=" + par +
-           " ! x264enc speed-preset=ultrafast bframes=0 key-int-max=" + std::to_string(fps) +
-           " ! h264parse ! ";
-}
-
 // Audio source: 1 kHz ticks, 48 kHz stereo, 1024-sample buffers (one AAC frame each).
 std::string audio(int seconds, const char* encoder) {
     int buffers = (seconds * 48000 + 1023) / 1024;
@@ -26,6 +17,33 @@ std::string audio(int seconds, const char* encoder) {
 
 const char kAac[] = "avenc_aac ! aacparse";
 const char kAc3[] = "avenc_ac3 bitrate=192000 ! ac3parse";
+
+// Raw pictures: a moving ball, in 4:2:0 so that the decoder gives what the TV's sink and the
+// fake sink both take as it is (no conversion on one side only).
+std::string pictures(int w, int h, int fps, int seconds, const char* par = "1/1") {
+    return "videotestsrc pattern=ball num-buffers=" + std::to_string(fps * seconds) +
+           " ! video/x-raw,format=I420,width=" + std::to_string(w) + ",height=" + std::to_string(h) +
+           ",framerate=" + std::to_string(fps) + "/1,pixel-aspect-ratio=" + par;
+}
+
+std::string h264(int fps) {
+    return " ! x264enc speed-preset=ultrafast bframes=0 key-int-max=" + std::to_string(fps) +
+           " ! h264parse ! ";
+}
+
+// Video: the pictures encoded.
+std::string video(int w, int h, int fps, int seconds, const char* par = "1/1") {
+    return pictures(w, h, fps, seconds, par) + h264(fps);
+}
+
+// One stream whose size and aspect change twice, 4 s each: 1280x720, 1920x1080, then 720x576
+// with a 4:3 picture (pixel aspect 16:15). The encoder starts a new sequence at each change,
+// as a broadcaster's encoder does, in one MPEG-TS with continuous timestamps.
+std::string resolution_changes() {
+    return "concat name=sizes ! videoconvert" + h264(25) + "mpegtsmux name=mux ! filesink location=@OUT@ " +
+           pictures(1280, 720, 25, 4) + " ! sizes. " + pictures(1920, 1080, 25, 4) + " ! sizes. " +
+           pictures(720, 576, 25, 4, "16/15") + " ! sizes. " + audio(12, kAac) + "mux.";
+}
 
 std::string mp4(const std::string& v, const std::string& a) {
     return v + "mp4mux name=mux ! filesink location=@OUT@ " + a + "mux.";
@@ -55,12 +73,8 @@ const std::vector<Clip>& clips() {
          mp4(video(640, 360, 50, 30), audio(30, kAac)), "mp4-50.mp4"},
         {"ts-ac3", "H.264 640x360 25 fps + AC-3 stereo 48 kHz in MPEG-TS, 20 s",
          ts(video(640, 360, 25, 20), audio(20, kAc3)), "ts-ac3.ts"},
-        {"res-720", "H.264 1280x720 25 fps + AAC in MP4, 4 s", mp4(video(1280, 720, 25, 4), audio(4, kAac)),
-         "res-720.mp4"},
-        {"res-1080", "H.264 1920x1080 25 fps + AAC in MP4, 4 s",
-         mp4(video(1920, 1080, 25, 4), audio(4, kAac)), "res-1080.mp4"},
-        {"res-576", "H.264 720x576 (4:3 pixel aspect 16:15) 25 fps + AAC in MP4, 4 s",
-         mp4(video(720, 576, 25, 4, "16/15"), audio(4, kAac)), "res-576.mp4"},
+        {"res-change", "H.264 1280x720, 1920x1080, then 720x576 (4:3) 25 fps + AAC in MPEG-TS, 12 s",
+         resolution_changes(), "res-change.ts"},
         {"prog-aac", "H.264 640x360 25 fps + AAC in MPEG-TS, 6 s (the programme)",
          ts(video(640, 360, 25, 6), audio(6, kAac)), "prog-aac.ts"},
         {"ad-ac3", "H.264 640x360 25 fps + AC-3 in MPEG-TS, 6 s (the advertisement)",
@@ -69,11 +83,9 @@ const std::vector<Clip>& clips() {
     return kClips;
 }
 
-// Playlists played gaplessly: the sinks see the caps change mid-stream, as they do when an
-// advertisement is spliced into a programme.
+// Playlists played gaplessly: the audio sink sees the codec change mid-stream, as it does
+// when an advertisement is spliced into a programme.
 std::vector<std::string> playlist(const std::string& media) {
-    if (media == "res-change")
-        return {"res-720", "res-1080", "res-576"};
     if (media == "codec-switch")
         return {"prog-aac", "ad-ac3"};
     return {media};
