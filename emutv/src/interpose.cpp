@@ -72,11 +72,11 @@ bool emulated_open(const char* path, int flags, int* result) {
     auto& c = core();
     std::string p(path);
     {
-        std::lock_guard<std::recursive_mutex> g(c.mu);
+        std::lock_guard<emutv::PlatformMutex> g(c.mu);
         if (!owns_path(p))
             return false;
     }
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<emutv::PlatformMutex> g(c.mu);
     auto dev_it = c.node_device.find(p);
     Device dev = dev_it == c.node_device.end() ? Device::None : dev_it->second;
     Event ev;
@@ -158,7 +158,7 @@ Event& scratch_event() {
 long emulated_ioctl(int fd, unsigned long req, void* arg) {
     Inside inside;
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<emutv::PlatformMutex> g(c.mu);
     emutv::detail::timeline_sync();
     auto it = c.files.find(fd);
     if (it == c.files.end() || it->second.model == nullptr) {
@@ -214,7 +214,7 @@ long emulated_ioctl(int fd, unsigned long req, void* arg) {
 long emulated_write(int fd, const void* buf, size_t n) {
     Inside inside;
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<emutv::PlatformMutex> g(c.mu);
     emutv::detail::timeline_sync();
     auto it = c.files.find(fd);
     if (it == c.files.end() || it->second.model == nullptr) {
@@ -253,7 +253,7 @@ long emulated_write(int fd, const void* buf, size_t n) {
 int emulated_close(int fd) {
     Inside inside;
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<emutv::PlatformMutex> g(c.mu);
     auto it = c.files.find(fd);
     if (it == c.files.end())
         return emutv::detail::sys_close(fd);
@@ -285,7 +285,7 @@ int emulated_close(int fd) {
 void record_call(Device d, const std::string& name, const std::string& path, long long result,
                  emutv::Fields fields) {
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<emutv::PlatformMutex> g(c.mu);
     Event ev;
     ev.kind = Kind::Call;
     ev.device = d;
@@ -429,7 +429,7 @@ EMUTV_EXPORT int pthread_create(pthread_t* thread, const pthread_attr_t* attr, v
     static auto real_create = real<create_fn>("pthread_create");
     {
         auto& c = core();
-        std::lock_guard<std::recursive_mutex> g(c.mu);
+        std::lock_guard<emutv::PlatformMutex> g(c.mu);
         Fault fault;
         if (!c.faults.empty() && c.take_fault("pthread_create", &fault))
             return fault.err ? fault.err : EAGAIN;
@@ -447,7 +447,7 @@ EMUTV_EXPORT int emutv_hal_drm_init(int card_id) {
 EMUTV_EXPORT int emutv_hal_get_drm_device_id(int card_id) {
     Inside inside;
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<emutv::PlatformMutex> g(c.mu);
     int r;
     switch (c.hal) {
         case HalMode::GetFails:
