@@ -136,12 +136,22 @@ int openat_with(const char* sym, int dirfd, const char* path, int flags, int mod
 using open_fn = int (*)(const char*, int, ...);
 using openat_fn = int (*)(int, const char*, int, ...);
 
+// The same device and request come again and again: their text is copied only when it
+// changed.
+void assign_if_changed(std::string& to, const char* text, size_t n) {
+    if (to.size() != n || memcmp(to.data(), text, n) != 0)
+        to.assign(text, n);
+}
+void assign_if_changed(std::string& to, const std::string& from) {
+    assign_if_changed(to, from.data(), from.size());
+}
+
 // The event of the request under way, kept from request to request so that its buffers
-// are allocated once (the platform lock is held while it is in use).
+// are allocated once (the platform lock is held while it is in use). Every request sets
+// its path and name.
 Event& scratch_event() {
     static Event ev;
     ev.seq = 0;
-    ev.path.clear();
     ev.fd = -1;
     ev.request = 0;
     ev.in.clear();
@@ -170,11 +180,11 @@ long emulated_ioctl(int fd, unsigned long req, void* arg) {
     Event& ev = scratch_event();
     ev.kind = Kind::Ioctl;
     ev.device = file.device;
-    ev.path = file.path;
+    assign_if_changed(ev.path, file.path);
     ev.fd = fd;
     ev.request = req;
     if (const char* literal = model->request_literal(req, arg))
-        ev.name.assign(literal);
+        assign_if_changed(ev.name, literal, strlen(literal));
     else
         ev.name = model->request_name(req, arg);
     // The request's bytes are kept for the record only (the trace and listeners read the
@@ -225,9 +235,9 @@ long emulated_write(int fd, const void* buf, size_t n) {
     Event& ev = scratch_event();
     ev.kind = Kind::Write;
     ev.device = file.device;
-    ev.path = file.path;
+    assign_if_changed(ev.path, file.path);
     ev.fd = fd;
-    ev.name.assign("write");
+    assign_if_changed(ev.name, "write", 5);
     ev.fields["size"] = static_cast<long long>(n);
     if (buf && n && c.recording)
         ev.in.assign(static_cast<const uint8_t*>(buf),

@@ -20,7 +20,9 @@ namespace emutv {
 namespace detail {
 
 namespace {
-thread_local int t_inside = 0;
+// Initial-exec: the emulator is linked into its programs or preloaded, never loaded later,
+// and every request reads this.
+__attribute__((tls_model("initial-exec"))) thread_local int t_inside = 0;
 
 int remove_entry(const char* path, const struct stat*, int, struct FTW*) {
     return ::remove(path);
@@ -185,7 +187,7 @@ bool Core::take_fault(const std::string& name, Fault* out) {
 }
 
 int Core::thread_token() {
-    static thread_local int token = -1;
+    static __attribute__((tls_model("initial-exec"))) thread_local int token = -1;
     if (token < 0)
         token = syscall(SYS_gettid) == getpid() ? 0 : ++threads_seen;
     return token;
@@ -549,17 +551,6 @@ PlatformMutex& Platform::mutex() const {
 
 // ---- PlatformMutex ------------------------------------------------------------------------
 
-void PlatformMutex::lock() {
-    const pthread_t self = pthread_self();
-    if (owner_.load(std::memory_order_relaxed) == self) {
-        ++depth_;
-        return;
-    }
-    mu_.lock();
-    owner_.store(self, std::memory_order_relaxed);
-    depth_ = 1;
-}
-
 bool PlatformMutex::try_lock() {
     const pthread_t self = pthread_self();
     if (owner_.load(std::memory_order_relaxed) == self) {
@@ -575,13 +566,6 @@ bool PlatformMutex::try_lock() {
 
 bool PlatformMutex::held_by_this_thread() const {
     return owner_.load(std::memory_order_relaxed) == pthread_self();
-}
-
-void PlatformMutex::unlock() {
-    if (--depth_ != 0)
-        return;
-    owner_.store(pthread_t(), std::memory_order_relaxed);
-    mu_.unlock();
 }
 
 // ---- DeviceModel defaults -----------------------------------------------------------------

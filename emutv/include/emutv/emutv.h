@@ -33,9 +33,23 @@ namespace emutv {
 // kernel thread id, which the child's thread does not share.
 class PlatformMutex {
   public:
-    void lock();
+    void lock() {
+        const pthread_t self = pthread_self();
+        if (owner_.load(std::memory_order_relaxed) == self) {
+            ++depth_;
+            return;
+        }
+        mu_.lock();
+        owner_.store(self, std::memory_order_relaxed);
+        depth_ = 1;
+    }
     bool try_lock();
-    void unlock();
+    void unlock() {
+        if (--depth_ != 0)
+            return;
+        owner_.store(pthread_t(), std::memory_order_relaxed);
+        mu_.unlock();
+    }
     bool held_by_this_thread() const;
 
   private:
