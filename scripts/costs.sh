@@ -74,7 +74,9 @@ for f in "$tmp"/cg.out.*; do
     "bare audio_output_push_data" | "bare audio_output_get_info") ;;
     *) continue ;;
   esac
-  callgrind_annotate --inclusive=yes "$f" 2> /dev/null |
+  # From the scratch directory: run where the sources are, callgrind_annotate names them
+  # relative to it and its inclusive figure of the interposed call comes out short.
+  (cd "$tmp" && callgrind_annotate --inclusive=yes "$f" 2> /dev/null) |
     awk -v name="${desc#bare }" -v calls="$calls" '
       /interpose\.cpp:(ioctl|write) \[/ { gsub(",", "", $1); ir += $1 }
       /=> .*interpose\.cpp:(ioctl|write) \(/ { n = $NF; gsub(/[()x]/, "", n); requests += n }

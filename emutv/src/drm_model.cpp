@@ -6,6 +6,8 @@
 #include <drm.h>
 #include <drm_mode.h>
 
+#include <algorithm>
+
 #include "core.h"
 #include "ruvo/driver/sdp_drm.h"
 #include "ruvo/driver/v4l2_drm.h"
@@ -318,9 +320,8 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
             f.add("src_y", s->src_y);
             f.add("src_w", s->src_w);
             f.add("src_h", s->src_h);
-            bool known = false;
-            for (auto& x : planes)
-                known = known || x.id == s->plane_id;
+            const bool known =
+                std::any_of(planes.begin(), planes.end(), [s](const auto& x) { return x.id == s->plane_id; });
             if (!known)
                 return fail(ENOENT);
             PlaneState& st = plane_state[s->plane_id];

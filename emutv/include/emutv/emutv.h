@@ -94,7 +94,9 @@ class Fields {
     long long& operator[](const std::string& key) { return slot(key.data(), key.size()); }
     // Sets a field the request has not set yet, without looking for it: for a decoder
     // that fills a fresh record with distinct keys (a repeated key would appear twice).
-    __attribute__((always_inline)) void add(const char* key, long long value) { append(key, strlen(key)) = value; }
+    __attribute__((always_inline)) void add(const char* key, long long value) {
+        append(key, strlen(key)) = value;
+    }
     size_t count(const std::string& key) const { return index(key.data(), key.size()) < n_ ? 1 : 0; }
     const_iterator find(const std::string& key) const { return items_.begin() + index_or_end(key); }
     iterator find(const std::string& key) { return items_.begin() + index_or_end(key); }
