@@ -60,23 +60,6 @@ awk -F'\t' -v calls="$calls" '
     }
   }' "$tmp/counts.tsv" "$tmp/times.tsv" "$tmp/ir.tsv"
 
-# The emulator's own share: on the bare side of the calls that run per frame and per
-# audio block, the instructions inside the emulator's interposed ioctl and write (device
-# model, record, counters), per request. Callgrind counts the calls of the five uncollected
-# warm-up runs too: the instructions are of `calls` runs, the requests of `calls` + 5.
+# The emulator's own share per request, from the same callgrind run.
 echo
-echo "| Bare side of | Emulated requests per call | Emulator instructions per request |"
-echo "|---|---:|---:|"
-for f in "$tmp"/cg.out.*; do
-  desc=$(sed -n 's/^desc: Trigger: Client Request: //p' "$f")
-  case "$desc" in
-    "bare video_output_push_frame_to_display" | "bare video_output_set_rect (moved)" | \
-    "bare audio_output_push_data" | "bare audio_output_get_info") ;;
-    *) continue ;;
-  esac
-  callgrind_annotate --inclusive=yes "$f" 2> /dev/null |
-    awk -v name="${desc#bare }" -v calls="$calls" '
-      /interpose\.cpp:(ioctl|write) \[/ { gsub(",", "", $1); ir += $1 }
-      /=> .*interpose\.cpp:(ioctl|write) \(/ { n = $NF; gsub(/[()x]/, "", n); requests += n }
-      END { if (requests > 0) printf "| `%s` | %.0f | %.0f |\n", name, requests / (calls + 5), ir / (requests * calls / (calls + 5)) }'
-done
+bash scripts/emulator-costs.sh "$tmp" "$calls"

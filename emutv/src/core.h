@@ -50,7 +50,7 @@ constexpr size_t kDeviceKinds = static_cast<size_t>(Device::Dmabuf) + 1;
 class Core {
   public:
     Core();
-    mutable std::recursive_mutex mu;
+    mutable PlatformMutex mu;
 
     // Device nodes.
     std::map<std::string, Device> node_device;  // every path the emulator owns

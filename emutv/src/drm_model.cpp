@@ -6,6 +6,8 @@
 #include <drm.h>
 #include <drm_mode.h>
 
+#include <algorithm>
+
 #include "core.h"
 #include "ruvo/driver/sdp_drm.h"
 #include "ruvo/driver/v4l2_drm.h"
@@ -306,21 +308,20 @@ long DrmModel::ioctl(int, unsigned long req, void* arg, Event& ev, int* err) {
         }
         case DRM_IOCTL_MODE_SETPLANE: {
             auto* s = static_cast<drm_mode_set_plane*>(arg);
-            f["plane_id"] = s->plane_id;
-            f["crtc_id"] = s->crtc_id;
-            f["fb_id"] = s->fb_id;
-            f["flags"] = s->flags;
-            f["crtc_x"] = s->crtc_x;
-            f["crtc_y"] = s->crtc_y;
-            f["crtc_w"] = s->crtc_w;
-            f["crtc_h"] = s->crtc_h;
-            f["src_x"] = s->src_x;
-            f["src_y"] = s->src_y;
-            f["src_w"] = s->src_w;
-            f["src_h"] = s->src_h;
-            bool known = false;
-            for (auto& x : planes)
-                known = known || x.id == s->plane_id;
+            f.add("plane_id", s->plane_id);
+            f.add("crtc_id", s->crtc_id);
+            f.add("fb_id", s->fb_id);
+            f.add("flags", s->flags);
+            f.add("crtc_x", s->crtc_x);
+            f.add("crtc_y", s->crtc_y);
+            f.add("crtc_w", s->crtc_w);
+            f.add("crtc_h", s->crtc_h);
+            f.add("src_x", s->src_x);
+            f.add("src_y", s->src_y);
+            f.add("src_w", s->src_w);
+            f.add("src_h", s->src_h);
+            const bool known =
+                std::any_of(planes.begin(), planes.end(), [s](const auto& x) { return x.id == s->plane_id; });
             if (!known)
                 return fail(ENOENT);
             PlaneState& st = plane_state[s->plane_id];

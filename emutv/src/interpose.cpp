@@ -72,11 +72,11 @@ bool emulated_open(const char* path, int flags, int* result) {
     auto& c = core();
     std::string p(path);
     {
-        std::lock_guard<std::recursive_mutex> g(c.mu);
+        std::lock_guard<emutv::PlatformMutex> g(c.mu);
         if (!owns_path(p))
             return false;
     }
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<emutv::PlatformMutex> g(c.mu);
     auto dev_it = c.node_device.find(p);
     Device dev = dev_it == c.node_device.end() ? Device::None : dev_it->second;
     Event ev;
@@ -136,12 +136,22 @@ int openat_with(const char* sym, int dirfd, const char* path, int flags, int mod
 using open_fn = int (*)(const char*, int, ...);
 using openat_fn = int (*)(int, const char*, int, ...);
 
+// The same device and request come again and again: their text is copied only when it
+// changed.
+void assign_if_changed(std::string& to, const char* text, size_t n) {
+    if (to.size() != n || memcmp(to.data(), text, n) != 0)
+        to.assign(text, n);
+}
+void assign_if_changed(std::string& to, const std::string& from) {
+    assign_if_changed(to, from.data(), from.size());
+}
+
 // The event of the request under way, kept from request to request so that its buffers
-// are allocated once (the platform lock is held while it is in use).
+// are allocated once (the platform lock is held while it is in use). Every request sets
+// its path and name.
 Event& scratch_event() {
     static Event ev;
     ev.seq = 0;
-    ev.path.clear();
     ev.fd = -1;
     ev.request = 0;
     ev.in.clear();
@@ -158,7 +168,7 @@ Event& scratch_event() {
 long emulated_ioctl(int fd, unsigned long req, void* arg) {
     Inside inside;
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<emutv::PlatformMutex> g(c.mu);
     emutv::detail::timeline_sync();
     auto it = c.files.find(fd);
     if (it == c.files.end() || it->second.model == nullptr) {
@@ -170,11 +180,11 @@ long emulated_ioctl(int fd, unsigned long req, void* arg) {
     Event& ev = scratch_event();
     ev.kind = Kind::Ioctl;
     ev.device = file.device;
-    ev.path = file.path;
+    assign_if_changed(ev.path, file.path);
     ev.fd = fd;
     ev.request = req;
     if (const char* literal = model->request_literal(req, arg))
-        ev.name.assign(literal);
+        assign_if_changed(ev.name, literal, strlen(literal));
     else
         ev.name = model->request_name(req, arg);
     // The request's bytes are kept for the record only (the trace and listeners read the
@@ -214,7 +224,7 @@ long emulated_ioctl(int fd, unsigned long req, void* arg) {
 long emulated_write(int fd, const void* buf, size_t n) {
     Inside inside;
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<emutv::PlatformMutex> g(c.mu);
     emutv::detail::timeline_sync();
     auto it = c.files.find(fd);
     if (it == c.files.end() || it->second.model == nullptr) {
@@ -225,9 +235,9 @@ long emulated_write(int fd, const void* buf, size_t n) {
     Event& ev = scratch_event();
     ev.kind = Kind::Write;
     ev.device = file.device;
-    ev.path = file.path;
+    assign_if_changed(ev.path, file.path);
     ev.fd = fd;
-    ev.name.assign("write");
+    assign_if_changed(ev.name, "write", 5);
     ev.fields["size"] = static_cast<long long>(n);
     if (buf && n && c.recording)
         ev.in.assign(static_cast<const uint8_t*>(buf),
@@ -253,7 +263,7 @@ long emulated_write(int fd, const void* buf, size_t n) {
 int emulated_close(int fd) {
     Inside inside;
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<emutv::PlatformMutex> g(c.mu);
     auto it = c.files.find(fd);
     if (it == c.files.end())
         return emutv::detail::sys_close(fd);
@@ -285,7 +295,7 @@ int emulated_close(int fd) {
 void record_call(Device d, const std::string& name, const std::string& path, long long result,
                  emutv::Fields fields) {
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<emutv::PlatformMutex> g(c.mu);
     Event ev;
     ev.kind = Kind::Call;
     ev.device = d;
@@ -429,7 +439,7 @@ EMUTV_EXPORT int pthread_create(pthread_t* thread, const pthread_attr_t* attr, v
     static auto real_create = real<create_fn>("pthread_create");
     {
         auto& c = core();
-        std::lock_guard<std::recursive_mutex> g(c.mu);
+        std::lock_guard<emutv::PlatformMutex> g(c.mu);
         Fault fault;
         if (!c.faults.empty() && c.take_fault("pthread_create", &fault))
             return fault.err ? fault.err : EAGAIN;
@@ -447,7 +457,7 @@ EMUTV_EXPORT int emutv_hal_drm_init(int card_id) {
 EMUTV_EXPORT int emutv_hal_get_drm_device_id(int card_id) {
     Inside inside;
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<emutv::PlatformMutex> g(c.mu);
     int r;
     switch (c.hal) {
         case HalMode::GetFails:

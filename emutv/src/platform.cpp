@@ -20,7 +20,9 @@ namespace emutv {
 namespace detail {
 
 namespace {
-thread_local int t_inside = 0;
+// Initial-exec: the emulator is linked into its programs or preloaded, never loaded later,
+// and every request reads this.
+__attribute__((tls_model("initial-exec"))) thread_local int t_inside = 0;
 
 int remove_entry(const char* path, const struct stat*, int, struct FTW*) {
     return ::remove(path);
@@ -185,7 +187,7 @@ bool Core::take_fault(const std::string& name, Fault* out) {
 }
 
 int Core::thread_token() {
-    static thread_local int token = -1;
+    static __attribute__((tls_model("initial-exec"))) thread_local int token = -1;
     if (token < 0)
         token = syscall(SYS_gettid) == getpid() ? 0 : ++threads_seen;
     return token;
@@ -336,7 +338,7 @@ Platform& platform() {
 void Platform::reset() {
     detail::Inside inside;
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     c.reset_nodes();
     c.faults.clear();
     c.events.clear();
@@ -353,7 +355,7 @@ void Platform::reset() {
 
 void Platform::set_present(const std::string& path, bool present) {
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     if (present)
         c.node_present.insert(path);
     else
@@ -362,26 +364,26 @@ void Platform::set_present(const std::string& path, bool present) {
 
 bool Platform::present(const std::string& path) const {
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     return c.node_present.count(path) != 0;
 }
 
 void Platform::add_compr_device(const std::string& path) {
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     c.node_device[path] = Device::Compr;
     c.node_present.insert(path);
 }
 
 void Platform::set_hal(HalMode mode) {
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     c.hal = mode;
 }
 
 HalMode Platform::hal() const {
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     return c.hal;
 }
 
@@ -390,7 +392,7 @@ void Platform::fail(const std::string& request, int err, int times) {
         return;
     detail::Inside inside;
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     detail::Fault f;
     f.err = err;
     f.times = times;
@@ -402,7 +404,7 @@ void Platform::fail_status(const std::string& request, int32_t status, int times
         return;
     detail::Inside inside;
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     detail::Fault f;
     f.is_status = true;
     f.status = status;
@@ -412,21 +414,21 @@ void Platform::fail_status(const std::string& request, int32_t status, int times
 
 void Platform::clear_faults() {
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     c.faults.clear();
 }
 
 std::vector<Event> Platform::events() const {
     detail::Inside inside;
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     return c.events;
 }
 
 std::vector<Event> Platform::events(const std::string& name) const {
     detail::Inside inside;
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     std::vector<Event> out;
     for (const auto& e : c.events)
         if (e.name == name)
@@ -437,7 +439,7 @@ std::vector<Event> Platform::events(const std::string& name) const {
 std::vector<Event> Platform::events(Device d) const {
     detail::Inside inside;
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     std::vector<Event> out;
     for (const auto& e : c.events)
         if (e.device == d)
@@ -447,21 +449,21 @@ std::vector<Event> Platform::events(Device d) const {
 
 size_t Platform::count(const std::string& name) const {
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     auto it = c.counts.find(name);
     return it == c.counts.end() ? 0 : it->second;
 }
 
 size_t Platform::total_requests() const {
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     return c.total;
 }
 
 void Platform::clear_events() {
     detail::Inside inside;
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     c.events.clear();
     c.clear_counts();
     c.total = 0;
@@ -469,20 +471,20 @@ void Platform::clear_events() {
 
 void Platform::set_recording(bool on) {
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     c.recording = on;
 }
 
 void Platform::set_listener(std::function<void(const Event&)> listener) {
     detail::Inside inside;
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     c.listener = std::move(listener);
 }
 
 int Platform::open_descriptors() const {
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     return static_cast<int>(c.files.size());
 }
 
@@ -543,8 +545,27 @@ SoundCardModel& Platform::sound() {
 ComprModel& Platform::compr() {
     return core().model<ComprModel>(Device::Compr);
 }
-std::recursive_mutex& Platform::mutex() const {
+PlatformMutex& Platform::mutex() const {
     return core().mu;
+}
+
+// ---- PlatformMutex ------------------------------------------------------------------------
+
+bool PlatformMutex::try_lock() {
+    const pthread_t self = pthread_self();
+    if (owner_.load(std::memory_order_relaxed) == self) {
+        ++depth_;
+        return true;
+    }
+    if (!mu_.try_lock())
+        return false;
+    owner_.store(self, std::memory_order_relaxed);
+    depth_ = 1;
+    return true;
+}
+
+bool PlatformMutex::held_by_this_thread() const {
+    return owner_.load(std::memory_order_relaxed) == pthread_self();
 }
 
 // ---- DeviceModel defaults -----------------------------------------------------------------

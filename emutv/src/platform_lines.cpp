@@ -212,7 +212,7 @@ PlatformLine parse_platform_line(const std::vector<std::string>& toks, PlatformP
 }
 
 bool apply_platform_line(Platform& tv, const PlatformLine& line) {
-    std::lock_guard<std::recursive_mutex> g(tv.mutex());
+    std::lock_guard<PlatformMutex> g(tv.mutex());
     auto text = [&](const char* key) { return line.args.at(key).text; };
     auto i32 = [&](const char* key, int64_t fallback) {
         return static_cast<int32_t>(line.num(key, fallback));

@@ -22,7 +22,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <new>
 #include <string>
 #include <vector>
 
@@ -92,7 +91,7 @@ void open_trace_from_environment() {
     if (fd < 0)
         stop_before_main(path + ": cannot write: " + strerror(errno));
     auto& c = core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     c.trace_base = base;
     c.trace_fd = fd;
     if (getenv(kTraceOwnerVar) == nullptr)
@@ -116,9 +115,9 @@ void after_fork_in_child() {
         c.trace_fd = -1;
         c.trace_pending_child = true;  // FILE.<pid>, opened at the child's first request
     }
-    // The lock was taken by the forking thread, which has another thread id in the child:
-    // the child starts with a fresh one (the state it guarded is consistent).
-    new (&c.mu) std::recursive_mutex();
+    // The forking thread took the lock before fork() (the state it guards is consistent)
+    // and is the child's only thread, still its owner.
+    c.mu.unlock();
 }
 
 // ---- signals ------------------------------------------------------------------------------

@@ -290,7 +290,7 @@ int32_t frames_not_latched() {
 
 void Platform::set_clock_mode(ClockMode mode) {
     auto& c = detail::core();
-    std::lock_guard<std::recursive_mutex> g(c.mu);
+    std::lock_guard<PlatformMutex> g(c.mu);
     detail::Timeline& t = detail::timeline();
     if (t.mode == mode)
         return;
@@ -301,12 +301,12 @@ void Platform::set_clock_mode(ClockMode mode) {
 }
 
 ClockMode Platform::clock_mode() const {
-    std::lock_guard<std::recursive_mutex> g(detail::core().mu);
+    std::lock_guard<PlatformMutex> g(detail::core().mu);
     return detail::timeline().mode;
 }
 
 void Platform::set_virtual_time_ns(int64_t t_ns) {
-    std::lock_guard<std::recursive_mutex> g(detail::core().mu);
+    std::lock_guard<PlatformMutex> g(detail::core().mu);
     detail::Timeline& t = detail::timeline();
     if (t_ns <= t.virtual_ns)
         return;
@@ -316,24 +316,24 @@ void Platform::set_virtual_time_ns(int64_t t_ns) {
 }
 
 int64_t Platform::now_ns() const {
-    std::lock_guard<std::recursive_mutex> g(detail::core().mu);
+    std::lock_guard<PlatformMutex> g(detail::core().mu);
     return detail::clock_now_ns();
 }
 
 void Platform::sync_timeline() {
     detail::Inside inside;
-    std::lock_guard<std::recursive_mutex> g(detail::core().mu);
+    std::lock_guard<PlatformMutex> g(detail::core().mu);
     detail::timeline_sync();
 }
 
 void Platform::set_timeline_listener(std::function<void(const TimelineEntry&)> listener) {
-    std::lock_guard<std::recursive_mutex> g(detail::core().mu);
+    std::lock_guard<PlatformMutex> g(detail::core().mu);
     detail::timeline().listener = std::move(listener);
 }
 
 bool detail::open_log(const std::string& path, bool truncate, std::string* error) {
     Inside inside;
-    std::lock_guard<std::recursive_mutex> g(core().mu);
+    std::lock_guard<PlatformMutex> g(core().mu);
     platform().close_timeline_log();
     // Appending, each line is one write: lines of processes sharing the file never mix.
     const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | (truncate ? O_TRUNC : 0);
@@ -354,7 +354,7 @@ bool Platform::open_timeline_log(const std::string& path, std::string* error) {
 
 void Platform::close_timeline_log() {
     detail::Inside inside;
-    std::lock_guard<std::recursive_mutex> g(detail::core().mu);
+    std::lock_guard<PlatformMutex> g(detail::core().mu);
     detail::Timeline& t = detail::timeline();
     if (t.log_fd >= 0)
         detail::sys_close(t.log_fd);

@@ -122,12 +122,12 @@ class GstAudioTest : public ruvo_test::PlatformTest {
     // Changes the device's scripted answers while the element may be calling it.
     template <typename Fn>
     void script(Fn fn) {
-        std::lock_guard<std::recursive_mutex> g(tv().mutex());
+        std::lock_guard<emutv::PlatformMutex> g(tv().mutex());
         fn(tv().compr());
     }
 
     size_t count(const std::string& name) {
-        std::lock_guard<std::recursive_mutex> g(tv().mutex());
+        std::lock_guard<emutv::PlatformMutex> g(tv().mutex());
         return tv().count(name);
     }
 
@@ -158,7 +158,7 @@ class GstAudioTest : public ruvo_test::PlatformTest {
     }
 
     std::vector<std::pair<std::string, long>> control_writes() {
-        std::lock_guard<std::recursive_mutex> g(tv().mutex());
+        std::lock_guard<emutv::PlatformMutex> g(tv().mutex());
         std::vector<std::pair<std::string, long>> out;
         for (const auto& w : tv().sound().writes)
             out.emplace_back(w.name, w.value);
@@ -167,12 +167,12 @@ class GstAudioTest : public ruvo_test::PlatformTest {
     }
 
     std::vector<size_t> write_sizes() {
-        std::lock_guard<std::recursive_mutex> g(tv().mutex());
+        std::lock_guard<emutv::PlatformMutex> g(tv().mutex());
         return tv().compr().write_sizes;
     }
 
     std::vector<std::string> compr_requests() {
-        std::lock_guard<std::recursive_mutex> g(tv().mutex());
+        std::lock_guard<emutv::PlatformMutex> g(tv().mutex());
         return request_names(emutv::Device::Compr);
     }
 

@@ -103,7 +103,7 @@ TEST_F(Pipeline, encoded_aac_plays_to_eos_on_the_element_clock_beside_a_video_br
     EXPECT_TRUE(monotonic);
     EXPECT_GT(last, 0);
     {
-        std::lock_guard<std::recursive_mutex> g(tv().mutex());
+        std::lock_guard<emutv::PlatformMutex> g(tv().mutex());
         EXPECT_EQ(tv().compr().copied_total, tv().compr().bytes_written);  // EOS after the decoder took all
         EXPECT_GE(tv().compr().starts, 1u);
     }

@@ -100,7 +100,7 @@ int main(int argc, char** argv) {
     ruvo_video_sink_register(nullptr);
     emutv::platform().reset();
     {
-        std::lock_guard<std::recursive_mutex> lock(emutv::platform().mutex());
+        std::lock_guard<emutv::PlatformMutex> lock(emutv::platform().mutex());
         emutv::platform().vplt().frames[0] = 0;
     }
     emutv::platform().set_recording(false);

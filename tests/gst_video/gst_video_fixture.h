@@ -52,7 +52,7 @@ class SinkTest : public ruvo_test::PlatformTest {
 
     // The decoder's frame-usage answer (frames pushed and not yet latched).
     void set_frames_held(int32_t n) {
-        std::lock_guard<std::recursive_mutex> lock(tv().mutex());
+        std::lock_guard<emutv::PlatformMutex> lock(tv().mutex());
         tv().vplt().frames[0] = n;
     }
 

@@ -22,7 +22,7 @@ class RealPipeline : public ruvo_test::PlatformTest {
         setenv("GST_REGISTRY", RUVO_GST_TEST_REGISTRY, 1);
         gst_init(nullptr, nullptr);
         clip_ = tv().sandbox_root() + "/clip.mp4";
-        std::lock_guard<std::recursive_mutex> lock(tv().mutex());
+        std::lock_guard<emutv::PlatformMutex> lock(tv().mutex());
         tv().vplt().frames[0] = 0;
     }
 

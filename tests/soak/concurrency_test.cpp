@@ -177,7 +177,7 @@ TEST_F(Concurrency, the_hand_back_mute_thread_runs_beside_video_and_mixer_calls)
     mixer.join();
     // The detached mute threads end by themselves, each after its mixer write.
     auto mutes = [this] {
-        std::lock_guard<std::recursive_mutex> lock(tv().mutex());
+        std::lock_guard<emutv::PlatformMutex> lock(tv().mutex());
         size_t n = 0;
         for (const auto& w : tv().sound().writes)
             n += w.name == "main out mute" && w.value == 1;

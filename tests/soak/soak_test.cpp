@@ -241,7 +241,7 @@ TEST_F(Soak, ten_thousand_audio_open_setup_push_close_cycles_keep_descriptors_an
         // The emulated card lists every control write for the tests to read: its log, not the
         // library's memory.
         {
-            std::lock_guard<std::recursive_mutex> lock(tv().mutex());
+            std::lock_guard<emutv::PlatformMutex> lock(tv().mutex());
             writes += tv().sound().writes.size();
             tv().sound().writes.clear();
         }

@@ -58,7 +58,7 @@ class BroadcastHandback : public PlatformTest {
         while (std::chrono::steady_clock::now() < deadline) {
             size_t mutes = 0;
             {
-                std::lock_guard<std::recursive_mutex> g(tv().mutex());
+                std::lock_guard<emutv::PlatformMutex> g(tv().mutex());
                 for (const auto& w : tv().sound().writes)
                     if (w.name == "main out mute" && w.value == 1)
                         mutes++;

@@ -92,7 +92,7 @@ bool WaitForAudioMute(int threads) {
     while (std::chrono::steady_clock::now() < deadline) {
         bool written = false;
         {
-            std::lock_guard<std::recursive_mutex> g(emutv::platform().mutex());
+            std::lock_guard<emutv::PlatformMutex> g(emutv::platform().mutex());
             for (const auto& w : emutv::platform().sound().writes)
                 written = written || w.name == "main out mute";
         }

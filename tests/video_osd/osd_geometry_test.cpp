@@ -195,7 +195,7 @@ TEST_F(OsdSwitch, mutes_audio_and_collapses_the_window_without_any_display_reque
                      vline(kGeometry, "disable osd video display")}));
     EXPECT_EQ(thread_lines, 1);
     {
-        std::lock_guard<std::recursive_mutex> g(tv().mutex());
+        std::lock_guard<emutv::PlatformMutex> g(tv().mutex());
         ASSERT_EQ(tv().sound().writes.size(), 1u);
         EXPECT_EQ(tv().sound().writes[0].name, "main out mute");
         EXPECT_EQ(tv().sound().writes[0].value, 1);

@@ -738,7 +738,7 @@ void Session::execute_platform(const Command& c) {
         text += " " + kv.first + "=" + kv.second.text;
     if (opt_.calls)
         printf("platform: t=%s %s %s\n", format_ms(now).c_str(), c.where().c_str(), text.c_str());
-    std::lock_guard<std::recursive_mutex> g(tv.mutex());
+    std::lock_guard<emutv::PlatformMutex> g(tv.mutex());
     emutv::lines::apply_platform_line(tv, c.platform_line());
 }
 
@@ -921,7 +921,7 @@ int Session::run() {
         timeline_.push_back(e);
     });
     {
-        std::lock_guard<std::recursive_mutex> g(tv.mutex());
+        std::lock_guard<emutv::PlatformMutex> g(tv.mutex());
         tv.compr().answers = emutv::ComprModel::Answers::Modelled;
         tv.compr().pacing = emutv::AudioDecoder::Pacing::Pcm;
     }
@@ -947,7 +947,7 @@ int Session::run() {
     tv.set_listener(nullptr);
     // The panel shows what the session left on it for one more vsync.
     {
-        std::lock_guard<std::recursive_mutex> g(tv.mutex());
+        std::lock_guard<emutv::PlatformMutex> g(tv.mutex());
         const int32_t hz = tv.vplt().vsync_hz > 0 ? tv.vplt().vsync_hz : 59940;
         tv.set_virtual_time_ns(now_.load() * 1000 + 1000000000000LL / hz);
         tv.set_timeline_listener(nullptr);

@@ -8,11 +8,13 @@
 // is answered by a device model. Every request is recorded as an Event.
 #pragma once
 
+#include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
 
 #include <string.h>
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <initializer_list>
@@ -22,6 +24,39 @@
 #include <vector>
 
 namespace emutv {
+
+// The platform lock. Recursive, and owned by the thread as pthread_self() names it: the
+// thread that forks holds it across fork() and still owns it in the child, where the
+// emulator's own child handler releases it. A fork handler that runs earlier in the child
+// (a sanitizer's runtime starting its background thread, say) can call into the
+// emulator meanwhile; glibc's recursive mutex would not let it, because it records the
+// kernel thread id, which the child's thread does not share.
+class PlatformMutex {
+  public:
+    void lock() {
+        const pthread_t self = pthread_self();
+        if (owner_.load(std::memory_order_relaxed) == self) {
+            ++depth_;
+            return;
+        }
+        mu_.lock();
+        owner_.store(self, std::memory_order_relaxed);
+        depth_ = 1;
+    }
+    bool try_lock();
+    void unlock() {
+        if (--depth_ != 0)
+            return;
+        owner_.store(pthread_t(), std::memory_order_relaxed);
+        mu_.unlock();
+    }
+    bool held_by_this_thread() const;
+
+  private:
+    std::mutex mu_;
+    std::atomic<pthread_t> owner_{};
+    unsigned depth_ = 0;
+};
 
 enum class Device { None, Drm, Vplt, Dolby, Converter, Decoder, SoundCtl, Compr, Hal, Dmabuf };
 const char* device_name(Device d);
@@ -57,6 +92,11 @@ class Fields {
 
     __attribute__((always_inline)) long long& operator[](const char* key) { return slot(key, strlen(key)); }
     long long& operator[](const std::string& key) { return slot(key.data(), key.size()); }
+    // Sets a field the request has not set yet, without looking for it: for a decoder
+    // that fills a fresh record with distinct keys (a repeated key would appear twice).
+    __attribute__((always_inline)) void add(const char* key, long long value) {
+        append(key, strlen(key)) = value;
+    }
     size_t count(const std::string& key) const { return index(key.data(), key.size()) < n_ ? 1 : 0; }
     const_iterator find(const std::string& key) const { return items_.begin() + index_or_end(key); }
     iterator find(const std::string& key) { return items_.begin() + index_or_end(key); }
@@ -97,6 +137,11 @@ class Fields {
         size_t i = index(key, n);
         if (i < n_)
             return items_[i].second;
+        return append(key, n);
+    }
+    // A new entry after the first n_, reusing the storage (and, when the same request
+    // came last, the key) of the entry that was there.
+    __attribute__((always_inline)) long long& append(const char* key, size_t n) {
         sorted_ = n_ == 0;
         if (n_ == items_.size()) {
             if (items_.capacity() == 0)
@@ -259,7 +304,7 @@ class Platform {
     void close_timeline_log();
 
     // For device models: run `fn` with the platform lock held.
-    std::recursive_mutex& mutex() const;
+    PlatformMutex& mutex() const;
 };
 
 Platform& platform();
