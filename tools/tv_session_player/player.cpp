@@ -1,17 +1,16 @@
 // The TV session player: scheduler, library calls, emulated platform, trace, summary.
 #include "player.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <inttypes.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -22,6 +21,8 @@
 #include "emutv/timeline.h"
 #include "ruvo/quarvel_audio_output.h"
 #include "ruvo/quarvel_video_output.h"
+#include "ruvo_kit/frame_descriptor.h"
+#include "ruvo_kit/threads.h"
 #include "svg.h"
 
 namespace tvsp {
@@ -53,28 +54,14 @@ void apply_format(const Command& c, FrameFormat* f) {
     f->linesize = static_cast<uint32_t>(c.num("linesize", f->linesize));
 }
 
-v4l2_drm make_descriptor(const FrameFormat& f, uint32_t index) {
-    v4l2_drm d;
-    memset(&d, 0, sizeof(d));
-    d.inputport = static_cast<v4l2_drm_inputport_type>(f.port);
-    v4l2_drm_dec_info& di = d.u.dec_info;
-    di.aspectratio = static_cast<v4l2_aspectratio_type>(f.aspect);
-    di.hres = f.w;
-    di.vres = f.h;
-    di.effective_hres = f.w;
-    di.effective_vres = f.h;
-    di.framerate = f.framerate;
-    di.bpp = 8;
-    di.pFrame[0].display_index = index;
-    di.pFrame[0].showframe = 1;
-    di.pFrame[0].width = f.w;
-    di.pFrame[0].height = f.h;
-    di.pFrame[0].y_linesize = f.w;
-    di.pFrame[0].u_linesize = f.w;
-    di.pFrame[0].v_linesize = f.linesize;
-    di.pFrame[0].colorformat = V4L2_DRM_COLORFORMAT_YUV420;
-    di.pFrame[0].framedone = 1;
-    return d;
+// The decoder's descriptor of one finished frame of the stream.
+v4l2_drm frame_descriptor(const FrameFormat& f, uint32_t index) {
+    return ruvo_kit::FrameDescriptor(f.w, f.h)
+        .inputport(f.port)
+        .aspect(f.aspect)
+        .framerate(f.framerate)
+        .display_index(index)
+        .decoded_yuv420(f.linesize);
 }
 
 std::string frame_text(const FrameFormat& f, uint32_t index) {
@@ -94,27 +81,27 @@ bool same_rect(const quarvel_video_output_rect_t& a, const quarvel_video_output_
     return a.x == b.x && a.y == b.y && a.w == b.w && a.h == b.h && a.dar_w == b.dar_w && a.dar_h == b.dar_h;
 }
 
-int thread_count() {
-    DIR* d = opendir("/proc/self/task");
-    if (!d)
-        return -1;
-    int n = 0;
-    while (struct dirent* e = readdir(d))
-        if (e->d_name[0] != '.')
-            ++n;
-    closedir(d);
-    return n;
+// What the open call found: the panel, the connector, the CRTC and the video plane.
+std::string output_text(const quarvel_video_output_s& v) {
+    char buf[160];
+    snprintf(buf, sizeof(buf), "panel=%dx%d connector=%u crtc=%u video plane=%d", v.m_panel_width,
+             v.m_panel_height, v.m_con_id, v.m_crtc_id,
+             v.m_plane_type < 11 ? v.m_plane_obj_id[v.m_plane_type] : -1);
+    return buf;
 }
 
-// The library's broadcast switch mutes audio from a detached thread of its own. Waiting
-// for that thread to end keeps the order of the printed lines the same from run to run.
-void wait_for_threads(int baseline) {
-    if (baseline < 0)
-        return;
-    for (int i = 0; i < 5000 && thread_count() > baseline; ++i) {
-        struct timespec ts = {0, 1000000};
-        nanosleep(&ts, nullptr);
-    }
+// The preloaded broadcast library as the environment names it.
+std::string preload_text() {
+    const char* env = getenv("TA_DTV_PRELOAD");
+    return std::string("TA_DTV_PRELOAD=") + (env ? "\"" + std::string(env) + "\"" : "unset");
+}
+
+// The bytes of one audio block: a pattern that changes from one block of a line to the next.
+std::vector<unsigned char> audio_block(size_t n, int64_t step) {
+    std::vector<unsigned char> data(n);
+    for (size_t i = 0; i < n; ++i)
+        data[i] = static_cast<unsigned char>(i * 7u + step);
+    return data;
 }
 
 // What the driver was last told about the main plane.
@@ -152,7 +139,13 @@ class Session {
     void run_line_step(TrackRun& t);
     int64_t line_every(const Command& c) const;
 
-    // Library calls
+    // Library calls: one handler a call, found in a table by the line's command.
+    struct CallStep {
+        int64_t step;     // which of the line's calls, from 0
+        int64_t retries;  // how often this call was tried again
+    };
+    using CallHandler = StepResult (Session::*)(const Command& c, const CallStep& s);
+    static CallHandler call_handler(Cmd cmd);
     StepResult execute_call(const Command& c, int64_t step, int64_t retries);
     void execute_platform(const Command& c);
     void begin_call(const Command& c, const std::string& what);
@@ -161,8 +154,54 @@ class Session {
     void skipped(const Command& c, const char* fn, const std::string& why);
     bool video_handle(const Command& c, const char* fn, quarvel_video_output_s** out);
     bool audio_handle(const Command& c, const char* fn, quarvel_audio_output_s** out);
+
+    // Video calls
+    StepResult open_video(const Command& c, const CallStep& s);
+    StepResult close_video(const Command& c, const CallStep& s);
+    StepResult report_panel_size(const Command& c, const CallStep& s);
+    StepResult place_video(const Command& c, const CallStep& s);
+    StepResult hide_video(const Command& c, const CallStep& s);
+    StepResult show_video(const Command& c, const CallStep& s);
+    StepResult start_with_first_frame(const Command& c, const CallStep& s);
+    StepResult push_frame(const Command& c, const CallStep& s);
+    StepResult announce_next_resolution(const Command& c, const CallStep& s);
+    StepResult report_vsync(const Command& c, const CallStep& s);
+    StepResult report_used_frames(const Command& c, const CallStep& s);
+    StepResult set_pts(const Command& c, const CallStep& s);
+    StepResult notify_ta_switch(const Command& c, const CallStep& s);
+
+    // Video call steps
+    using FrameCall = int (*)(quarvel_video_output_s* output, quarvel_video_output_frame_s const* frame);
+    void set_video_rect(const Command& c, const quarvel_video_output_rect_t& r);
     void call_set_rect(const Command& c, quarvel_video_output_s* h, const quarvel_video_output_rect_t& r,
                        int64_t expected);
+    void call_set_pts(const Command& c, quarvel_video_output_s* h, long long pts, int64_t expected);
+    uint32_t frame_index(const Command& c, int64_t step);
+    int call_with_frame(const Command& c, const char* fn, FrameCall call, quarvel_video_output_s* h,
+                        const FrameFormat& f, uint32_t index);
+    int push_null_frame(const Command& c, quarvel_video_output_s* h);
+    int push_decoded_frame(const Command& c, quarvel_video_output_s* h, int64_t step);
+    void move_window(const Command& c, quarvel_video_output_s* h, int64_t step);
+
+    // Audio calls
+    StepResult open_audio(const Command& c, const CallStep& s);
+    StepResult set_up_audio(const Command& c, const CallStep& s);
+    StepResult start_audio(const Command& c, const CallStep& s);
+    StepResult stop_audio(const Command& c, const CallStep& s);
+    StepResult set_sync_mode(const Command& c, const CallStep& s);
+    StepResult push_audio(const Command& c, const CallStep& s);
+    StepResult report_audio_info(const Command& c, const CallStep& s);
+    StepResult set_volume(const Command& c, const CallStep& s);
+    StepResult set_speed(const Command& c, const CallStep& s);
+    StepResult close_audio(const Command& c, const CallStep& s);
+
+    // Audio call steps
+    using AudioCall = int (*)(quarvel_audio_output_s* output);
+    using AudioLevelCall = int (*)(quarvel_audio_output_s* output, float value);
+    bool call_audio(const Command& c, const char* fn, AudioCall call);
+    void call_audio_level(const Command& c, const char* fn, AudioLevelCall call);
+    StepResult retry_after_no_space(const Command& c, const char* fn, int res, int64_t retries);
+    void count_audio_block(uint32_t size, uint32_t extra);
 
     // Requests
     void on_event(const emutv::Event& e);
@@ -353,381 +392,482 @@ void Session::call_set_rect(const Command& c, quarvel_video_output_s* h, const q
     end_call(c, fn, res, expected, "");
 }
 
+// ---- Library calls: one handler a call, looked up by the line's command ----------------------
+
+Session::CallHandler Session::call_handler(Cmd cmd) {
+    struct Entry {
+        Cmd cmd;
+        CallHandler run;
+    };
+    // In the order of Cmd, from its first call to its last.
+    static constexpr Entry kCalls[] = {
+        {Cmd::VideoOpen, &Session::open_video},
+        {Cmd::VideoClose, &Session::close_video},
+        {Cmd::VideoPanel, &Session::report_panel_size},
+        {Cmd::VideoRect, &Session::place_video},
+        {Cmd::VideoHide, &Session::hide_video},
+        {Cmd::VideoShow, &Session::show_video},
+        {Cmd::VideoFirstFrame, &Session::start_with_first_frame},
+        {Cmd::VideoFrame, &Session::push_frame},
+        {Cmd::VideoNextRes, &Session::announce_next_resolution},
+        {Cmd::VideoVsync, &Session::report_vsync},
+        {Cmd::VideoUsed, &Session::report_used_frames},
+        {Cmd::VideoPts, &Session::set_pts},
+        {Cmd::VideoNotifyTa, &Session::notify_ta_switch},
+        {Cmd::AudioOpen, &Session::open_audio},
+        {Cmd::AudioSetup, &Session::set_up_audio},
+        {Cmd::AudioStart, &Session::start_audio},
+        {Cmd::AudioStop, &Session::stop_audio},
+        {Cmd::AudioSyncMode, &Session::set_sync_mode},
+        {Cmd::AudioPush, &Session::push_audio},
+        {Cmd::AudioInfo, &Session::report_audio_info},
+        {Cmd::AudioVolume, &Session::set_volume},
+        {Cmd::AudioSpeed, &Session::set_speed},
+        {Cmd::AudioClose, &Session::close_audio},
+    };
+    constexpr size_t kFirst = static_cast<size_t>(Cmd::VideoOpen);
+    constexpr size_t kCount = sizeof(kCalls) / sizeof(kCalls[0]);
+    static_assert(kFirst + kCount == static_cast<size_t>(Cmd::AudioClose) + 1, "a call without a handler");
+    static_assert(
+        [] {
+            for (size_t i = 0; i < kCount; ++i)
+                if (static_cast<size_t>(kCalls[i].cmd) != kFirst + i)
+                    return false;
+            return true;
+        }(),
+        "the handlers are out of the order of Cmd");
+    const size_t at = static_cast<size_t>(cmd);
+    return at >= kFirst && at < kFirst + kCount ? kCalls[at - kFirst].run : nullptr;
+}
+
 StepResult Session::execute_call(const Command& c, int64_t step, int64_t retries) {
-    StepResult sr;
-    const int64_t expected = c.expect();
-    switch (c.cmd) {
-        case Cmd::VideoOpen: {
-            const char* fn = "quarvel_video_output_open";
-            if (video_) {
-                skipped(c, fn, "a video output is already open");
-                break;
-            }
-            bool ta = c.num("ta", 0) != 0;
-            begin_call(c, std::string(fn) + (ta ? "(bTaCase=true)" : "(bTaCase=false)"));
-            video_ = quarvel_video_output_open(ta);
-            std::string detail;
-            if (video_) {
-                panel_w_ = video_->m_panel_width;
-                panel_h_ = video_->m_panel_height;
-                char buf[160];
-                snprintf(buf, sizeof(buf), "panel=%dx%d connector=%u crtc=%u video plane=%d",
-                         video_->m_panel_width, video_->m_panel_height, video_->m_con_id, video_->m_crtc_id,
-                         video_->m_plane_type < 11 ? video_->m_plane_obj_id[video_->m_plane_type] : -1);
-                detail = buf;
-            } else {
-                detail = "(null)";
-            }
-            end_call(c, fn, video_ ? 0 : -1, expected, detail);
-            break;
-        }
-        case Cmd::VideoClose: {
-            const char* fn = "quarvel_video_output_close";
-            quarvel_video_output_s* h;
-            if (!video_handle(c, fn, &h))
-                break;
-            begin_call(c, std::string(fn) + (h ? "()" : "(null)"));
-            quarvel_video_output_close(h);
-            if (h)
-                video_ = nullptr;
-            end_call(c, fn, 0, expected, "");
-            break;
-        }
-        case Cmd::VideoPanel: {
-            const char* fn = "quarvel_video_output_get_panel_size";
-            quarvel_video_output_s* h;
-            if (!video_handle(c, fn, &h))
-                break;
-            begin_call(c, std::string(fn) + "()");
-            int w = -1, hh = -1;
-            quarvel_video_output_get_panel_size(h, &w, &hh);
-            end_call(c, fn, 0, expected, "w=" + std::to_string(w) + " h=" + std::to_string(hh));
-            break;
-        }
-        case Cmd::VideoRect:
-        case Cmd::VideoHide:
-        case Cmd::VideoShow: {
-            quarvel_video_output_s* h;
-            if (!video_handle(c, "quarvel_video_output_set_rect", &h))
-                break;
-            quarvel_video_output_rect_t r{};
-            if (c.cmd == Cmd::VideoRect) {
-                r.x = static_cast<int32_t>(c.num("x", 0));
-                r.y = static_cast<int32_t>(c.num("y", 0));
-                r.w = static_cast<uint32_t>(c.num("w", 0));
-                r.h = static_cast<uint32_t>(c.num("h", 0));
-                if (c.has("dar")) {
-                    r.dar_w = static_cast<uint32_t>(c.arg("dar").v[0]);
-                    r.dar_h = static_cast<uint32_t>(c.arg("dar").v[1]);
-                }
-            } else if (c.cmd == Cmd::VideoHide) {
-                r = last_rect_;
-                r.w = 0;
-            } else {
-                r = last_shown_;
-            }
-            call_set_rect(c, h, r, expected);
-            break;
-        }
-        case Cmd::VideoFirstFrame: {
-            const char* fn = "quarvel_video_output_init_with_first_frame";
-            quarvel_video_output_s* h;
-            if (!video_handle(c, fn, &h))
-                break;
-            apply_format(c, &fmt_);
-            uint32_t index = c.has("index") ? static_cast<uint32_t>(c.num("index", 0)) : next_index_++;
-            v4l2_drm d = make_descriptor(fmt_, index);
-            quarvel_video_output_frame_s frame{};
-            frame.v4l2_frame = &d;
-            frame.dv_profile = fmt_.dv;
-            begin_call(c, std::string(fn) + "(" + frame_text(fmt_, index) + ")");
-            int res = quarvel_video_output_init_with_first_frame(h, &frame);
-            end_call(c, fn, res, expected, "");
-            break;
-        }
-        case Cmd::VideoFrame: {
-            const char* fn = "quarvel_video_output_push_frame_to_display";
-            quarvel_video_output_s* h;
-            if (!video_handle(c, fn, &h))
-                break;
-            if (c.has("to")) {
-                // The window moves from 'from' (or where it was when the line began) to 'to'
-                // in count equal steps; the first frame already takes the first step.
-                std::array<int64_t, 4>& f = move_start_[&c];
-                if (step == 0) {
-                    if (c.has("from"))
-                        for (int i = 0; i < 4; ++i)
-                            f[static_cast<size_t>(i)] = c.arg("from").v[i];
-                    else
-                        f = {last_rect_.x, last_rect_.y, last_rect_.w, last_rect_.h};
-                }
-                const int64_t n = c.count();
-                const Arg& to = c.arg("to");
-                int64_t v[4];
-                for (size_t i = 0; i < 4; ++i)
-                    v[i] = f[i] + (to.v[i] - f[i]) * (step + 1) / n;
-                quarvel_video_output_rect_t r = last_rect_;
-                r.x = static_cast<int32_t>(v[0]);
-                r.y = static_cast<int32_t>(v[1]);
-                r.w = static_cast<uint32_t>(v[2]);
-                r.h = static_cast<uint32_t>(v[3]);
-                if (!same_rect(r, last_rect_))
-                    call_set_rect(c, h, r, 0);
-            }
-            int res;
-            std::string what;
-            if (c.num("null", 0) == 1) {
-                begin_call(c, std::string(fn) + "(null frame)");
-                res = quarvel_video_output_push_frame_to_display(h, nullptr);
-                null_frames_++;
-            } else {
-                apply_format(c, &fmt_);
-                uint32_t index =
-                    c.has("index") ? static_cast<uint32_t>(c.num("index", 0) + step) : next_index_++;
-                v4l2_drm d = make_descriptor(fmt_, index);
-                quarvel_video_output_frame_s frame{};
-                frame.v4l2_frame = &d;
-                frame.dv_profile = fmt_.dv;
-                begin_call(c, std::string(fn) + "(" + frame_text(fmt_, index) + ")");
-                res = quarvel_video_output_push_frame_to_display(h, &frame);
-                frames_pushed_++;
-                if (res == 0) {
-                    frames_ok_++;
-                    std::lock_guard<std::mutex> g(mu_);
-                    if (setplanes_ > 0 && !plane_.muted)
-                        frames_shown_++;
-                }
-            }
-            end_call(c, fn, res, expected, "");
-            if (c.has("pts")) {
-                const char* pfn = "quarvel_video_output_set_pts";
-                long long pts = static_cast<long long>(c.num("pts", 0) + step * c.num("pts-step", 0));
-                begin_call(c, std::string(pfn) + "(" + std::to_string(pts) + ")");
-                int pres = quarvel_video_output_set_pts(h, pts);
-                end_call(c, pfn, pres, 0, "");
-            }
-            break;
-        }
-        case Cmd::VideoNextRes: {
-            const char* fn = "quarvel_video_output_set_next_res";
-            quarvel_video_output_s* h;
-            if (!video_handle(c, fn, &h))
-                break;
-            FrameFormat f = fmt_;
-            apply_format(c, &f);
-            uint32_t index = c.has("index") ? static_cast<uint32_t>(c.num("index", 0)) : next_index_;
-            v4l2_drm d = make_descriptor(f, index);
-            quarvel_video_output_frame_s frame{};
-            frame.v4l2_frame = &d;
-            frame.dv_profile = f.dv;
-            begin_call(c, std::string(fn) + "(" + frame_text(f, index) + ")");
-            int res = quarvel_video_output_set_next_res(h, &frame);
-            end_call(c, fn, res, expected, "");
-            break;
-        }
-        case Cmd::VideoVsync: {
-            const char* fn = "quarvel_video_output_get_vsync_info";
-            quarvel_video_output_s* h;
-            if (!video_handle(c, fn, &h))
-                break;
-            quarvel_video_output_vsync_info_s info{};
-            begin_call(c, std::string(fn) + "()");
-            int res = quarvel_video_output_get_vsync_info(h, &info);
-            char buf[128];
-            snprintf(buf, sizeof(buf), "fps=%.6f tv_sec=%d tv_nsec=%d", info.fps, info.tv_sec, info.tv_nsec);
-            end_call(c, fn, res, expected, res == 0 ? buf : "");
-            break;
-        }
-        case Cmd::VideoUsed: {
-            const char* fn = "quarvel_video_output_get_used_frames";
-            quarvel_video_output_s* h;
-            if (!video_handle(c, fn, &h))
-                break;
-            quarvel_video_used_frames_s used{};
-            begin_call(c, std::string(fn) + "()");
-            int res = quarvel_video_output_get_used_frames(h, &used);
-            end_call(c, fn, res, expected,
-                     res == 0 ? "dec0=" + std::to_string(used.used_by_decoder[0]) +
-                                    " dec1=" + std::to_string(used.used_by_decoder[1])
-                              : "");
-            break;
-        }
-        case Cmd::VideoPts: {
-            const char* fn = "quarvel_video_output_set_pts";
-            quarvel_video_output_s* h;
-            if (!video_handle(c, fn, &h))
-                break;
-            long long pts = static_cast<long long>(c.num("value", 0));
-            begin_call(c, std::string(fn) + "(" + std::to_string(pts) + ")");
-            int res = quarvel_video_output_set_pts(h, pts);
-            end_call(c, fn, res, expected, "");
-            break;
-        }
-        case Cmd::VideoNotifyTa: {
-            const char* fn = "quarvel_video_output_notify_ta_switch";
-            quarvel_video_output_s* h;
-            if (!video_handle(c, fn, &h))
-                break;
-            const char* env = getenv("TA_DTV_PRELOAD");
-            begin_call(
-                c, std::string(fn) + "() TA_DTV_PRELOAD=" + (env ? "\"" + std::string(env) + "\"" : "unset"));
-            int threads = thread_count();
-            quarvel_video_output_notify_ta_switch(h);
-            wait_for_threads(threads);
-            env = getenv("TA_DTV_PRELOAD");
-            end_call(c, fn, 0, expected,
-                     std::string("TA_DTV_PRELOAD=") + (env ? "\"" + std::string(env) + "\"" : "unset"));
-            break;
-        }
-        case Cmd::AudioOpen: {
-            const char* fn = "quarvel_audio_output_open";
-            if (audio_) {
-                skipped(c, fn, "an audio output is already open");
-                break;
-            }
-            const std::string& path = c.arg("path").text;
-            begin_call(c, std::string(fn) + "(\"" + path + "\")");
-            audio_ = quarvel_audio_output_open(path.c_str());
-            audio_run_++;
-            // A failed open releases the handle with a line that has no newline of its own.
-            if (!audio_)
-                printf("\n");
-            end_call(c, fn, audio_ ? 0 : -1, expected, audio_ ? "" : "(null)");
-            break;
-        }
-        case Cmd::AudioSetup: {
-            const char* fn = "quarvel_audio_output_setup";
-            quarvel_audio_output_s* h;
-            if (!audio_handle(c, fn, &h))
-                break;
-            quarvel_audio_output_setup_params_s p{};
-            p.channels = static_cast<uint32_t>(c.num("channels", 2));
-            p.sample_rate = static_cast<uint32_t>(c.num("rate", 48000));
-            begin_call(c, std::string(fn) + "(channels=" + std::to_string(p.channels) +
-                              " sample_rate=" + std::to_string(p.sample_rate) + ")");
-            int res = quarvel_audio_output_setup(h, &p);
-            if (res == 0 && h)
-                channels_ = p.channels;
-            end_call(c, fn, res, expected, "");
-            break;
-        }
-        case Cmd::AudioStart:
-        case Cmd::AudioStop:
-        case Cmd::AudioInfo: {
-            const char* fn = c.cmd == Cmd::AudioStart  ? "quarvel_audio_output_start"
-                             : c.cmd == Cmd::AudioStop ? "quarvel_audio_output_stop"
-                                                       : "quarvel_audio_output_get_info";
-            quarvel_audio_output_s* h;
-            if (!audio_handle(c, fn, &h))
-                break;
-            begin_call(c, std::string(fn) + "()");
-            int res;
-            std::string detail;
-            if (c.cmd == Cmd::AudioStart) {
-                res = quarvel_audio_output_start(h);
-            } else if (c.cmd == Cmd::AudioStop) {
-                res = quarvel_audio_output_stop(h);
-                audio_run_++;
-            } else {
-                quarvel_audio_output_info_s info{};
-                res = quarvel_audio_output_get_info(h, &info);
-                if (res == 0) {
-                    char buf[160];
-                    snprintf(buf, sizeof(buf), "frames_delay=%u bytes_free=%u remain_size=%" PRId64,
-                             info.frames_delay, info.bytes_free, info.remain_size);
-                    detail = buf;
-                    std::lock_guard<std::mutex> g(mu_);
-                    delays_.push_back(DelaySample{now_.load(), info.frames_delay, audio_run_});
-                }
-            }
-            end_call(c, fn, res, expected, detail);
-            break;
-        }
-        case Cmd::AudioSyncMode: {
-            const char* fn = "quarvel_audio_output_set_sync_mode";
-            quarvel_audio_output_s* h;
-            if (!audio_handle(c, fn, &h))
-                break;
-            uint32_t mode = static_cast<uint32_t>(c.num("mode", 0));
-            begin_call(c, std::string(fn) + "(" + std::to_string(mode) + ")");
-            int res =
-                quarvel_audio_output_set_sync_mode(h, static_cast<quarvel_audio_output_sync_mode_t>(mode));
-            end_call(c, fn, res, expected, "");
-            break;
-        }
-        case Cmd::AudioVolume:
-        case Cmd::AudioSpeed: {
-            bool vol = c.cmd == Cmd::AudioVolume;
-            const char* fn =
-                vol ? "quarvel_audio_output_volume_control" : "quarvel_audio_output_speed_control";
-            quarvel_audio_output_s* h;
-            if (!audio_handle(c, fn, &h))
-                break;
-            float v = static_cast<float>(c.real("value", 1.0));
-            char buf[64];
-            snprintf(buf, sizeof(buf), "(%g)", static_cast<double>(v));
-            begin_call(c, std::string(fn) + buf);
-            int res =
-                vol ? quarvel_audio_output_volume_control(h, v) : quarvel_audio_output_speed_control(h, v);
-            end_call(c, fn, res, expected, "");
-            break;
-        }
-        case Cmd::AudioClose: {
-            const char* fn = "quarvel_audio_output_close";
-            quarvel_audio_output_s* h;
-            if (!audio_handle(c, fn, &h))
-                break;
-            begin_call(c, std::string(fn) + (h ? "()" : "(null)"));
-            quarvel_audio_output_close(h);
-            audio_run_++;
-            if (h)
-                audio_ = nullptr;
-            // The library's release line carries no newline of its own.
-            printf("\n");
-            end_call(c, fn, 0, expected, "");
-            break;
-        }
-        case Cmd::AudioPush: {
-            const char* fn = "quarvel_audio_output_push_data";
-            quarvel_audio_output_s* h;
-            if (!audio_handle(c, fn, &h))
-                break;
-            const uint32_t size = static_cast<uint32_t>(c.num("size", 4096));
-            const uint32_t extra = static_cast<uint32_t>(c.num("extra", 0));
-            std::vector<unsigned char> data(static_cast<size_t>(size) + extra);
-            for (size_t i = 0; i < data.size(); ++i)
-                data[i] = static_cast<unsigned char>(i * 7u + step);
-            begin_call(c, std::string(fn) + "(size=" + std::to_string(size) +
-                              " extra=" + std::to_string(extra) + ")");
-            int res = quarvel_audio_output_push_data(h, data.data(), size, extra);
-            const bool retrying = res == -2 && c.has("retry") && expected != -2;
-            if (retrying && retries < c.num("max-retries", 1000)) {
-                no_space();
-                end_call(c, fn, res, res, "no space, retry in " + format_ms(c.num("retry", 0)) + " ms");
-                sr.retry = true;
-                sr.retry_us = c.num("retry", 0);
-                break;
-            }
-            if (retrying) {
-                no_space();
-                end_call(c, fn, res, expected, "no space after " + std::to_string(retries) + " retries");
-                break;
-            }
-            if (res == 0) {
-                audio_blocks_++;
-                audio_bytes_ += size + extra;
-                if (channels_)
-                    audio_frames_ += (size / 2) / channels_;
-            } else if (res == -2) {
-                no_space();
-            }
-            end_call(c, fn, res, expected, "");
-            break;
-        }
-        default:
-            break;
+    const CallHandler run = call_handler(c.cmd);
+    return run ? (this->*run)(c, CallStep{step, retries}) : StepResult{};
+}
+
+// ---- Video calls ------------------------------------------------------------------------------
+
+StepResult Session::open_video(const Command& c, const CallStep&) {
+    const char* fn = "quarvel_video_output_open";
+    if (video_) {
+        skipped(c, fn, "a video output is already open");
+        return {};
     }
+    const bool ta = c.num("ta", 0) != 0;
+    begin_call(c, std::string(fn) + (ta ? "(bTaCase=true)" : "(bTaCase=false)"));
+    video_ = quarvel_video_output_open(ta);
+    if (video_) {
+        panel_w_ = video_->m_panel_width;
+        panel_h_ = video_->m_panel_height;
+    }
+    end_call(c, fn, video_ ? 0 : -1, c.expect(), video_ ? output_text(*video_) : "(null)");
+    return {};
+}
+
+StepResult Session::close_video(const Command& c, const CallStep&) {
+    const char* fn = "quarvel_video_output_close";
+    quarvel_video_output_s* h;
+    if (!video_handle(c, fn, &h))
+        return {};
+    begin_call(c, std::string(fn) + (h ? "()" : "(null)"));
+    quarvel_video_output_close(h);
+    if (h)
+        video_ = nullptr;
+    end_call(c, fn, 0, c.expect(), "");
+    return {};
+}
+
+StepResult Session::report_panel_size(const Command& c, const CallStep&) {
+    const char* fn = "quarvel_video_output_get_panel_size";
+    quarvel_video_output_s* h;
+    if (!video_handle(c, fn, &h))
+        return {};
+    begin_call(c, std::string(fn) + "()");
+    int w = -1, hh = -1;
+    quarvel_video_output_get_panel_size(h, &w, &hh);
+    end_call(c, fn, 0, c.expect(), "w=" + std::to_string(w) + " h=" + std::to_string(hh));
+    return {};
+}
+
+StepResult Session::place_video(const Command& c, const CallStep&) {
+    quarvel_video_output_rect_t r{};
+    r.x = static_cast<int32_t>(c.num("x", 0));
+    r.y = static_cast<int32_t>(c.num("y", 0));
+    r.w = static_cast<uint32_t>(c.num("w", 0));
+    r.h = static_cast<uint32_t>(c.num("h", 0));
+    if (c.has("dar")) {
+        r.dar_w = static_cast<uint32_t>(c.arg("dar").v[0]);
+        r.dar_h = static_cast<uint32_t>(c.arg("dar").v[1]);
+    }
+    set_video_rect(c, r);
+    return {};
+}
+
+// Hiding is a rectangle of no width where the video last was.
+StepResult Session::hide_video(const Command& c, const CallStep&) {
+    quarvel_video_output_rect_t r = last_rect_;
+    r.w = 0;
+    set_video_rect(c, r);
+    return {};
+}
+
+StepResult Session::show_video(const Command& c, const CallStep&) {
+    set_video_rect(c, last_shown_);
+    return {};
+}
+
+StepResult Session::start_with_first_frame(const Command& c, const CallStep&) {
+    const char* fn = "quarvel_video_output_init_with_first_frame";
+    quarvel_video_output_s* h;
+    if (!video_handle(c, fn, &h))
+        return {};
+    apply_format(c, &fmt_);
+    const uint32_t index = frame_index(c, 0);
+    const int res = call_with_frame(c, fn, quarvel_video_output_init_with_first_frame, h, fmt_, index);
+    end_call(c, fn, res, c.expect(), "");
+    return {};
+}
+
+// One frame of a line, after moving the window one step on if the line moves it; then the
+// frame's presentation time if the line gives one.
+StepResult Session::push_frame(const Command& c, const CallStep& s) {
+    const char* fn = "quarvel_video_output_push_frame_to_display";
+    quarvel_video_output_s* h;
+    if (!video_handle(c, fn, &h))
+        return {};
+    if (c.has("to"))
+        move_window(c, h, s.step);
+    const int res = c.num("null", 0) == 1 ? push_null_frame(c, h) : push_decoded_frame(c, h, s.step);
+    end_call(c, fn, res, c.expect(), "");
+    if (c.has("pts"))
+        call_set_pts(c, h, c.num("pts", 0) + s.step * c.num("pts-step", 0), 0);
+    return {};
+}
+
+// The next size is announced with the stream's format as it stands, changed by the line
+// but not kept, and the index the next frame will get.
+StepResult Session::announce_next_resolution(const Command& c, const CallStep&) {
+    const char* fn = "quarvel_video_output_set_next_res";
+    quarvel_video_output_s* h;
+    if (!video_handle(c, fn, &h))
+        return {};
+    FrameFormat f = fmt_;
+    apply_format(c, &f);
+    const uint32_t index = c.has("index") ? static_cast<uint32_t>(c.num("index", 0)) : next_index_;
+    const int res = call_with_frame(c, fn, quarvel_video_output_set_next_res, h, f, index);
+    end_call(c, fn, res, c.expect(), "");
+    return {};
+}
+
+StepResult Session::report_vsync(const Command& c, const CallStep&) {
+    const char* fn = "quarvel_video_output_get_vsync_info";
+    quarvel_video_output_s* h;
+    if (!video_handle(c, fn, &h))
+        return {};
+    quarvel_video_output_vsync_info_s info{};
+    begin_call(c, std::string(fn) + "()");
+    const int res = quarvel_video_output_get_vsync_info(h, &info);
+    char buf[128];
+    snprintf(buf, sizeof(buf), "fps=%.6f tv_sec=%d tv_nsec=%d", info.fps, info.tv_sec, info.tv_nsec);
+    end_call(c, fn, res, c.expect(), res == 0 ? buf : "");
+    return {};
+}
+
+StepResult Session::report_used_frames(const Command& c, const CallStep&) {
+    const char* fn = "quarvel_video_output_get_used_frames";
+    quarvel_video_output_s* h;
+    if (!video_handle(c, fn, &h))
+        return {};
+    quarvel_video_used_frames_s used{};
+    begin_call(c, std::string(fn) + "()");
+    const int res = quarvel_video_output_get_used_frames(h, &used);
+    end_call(c, fn, res, c.expect(),
+             res == 0 ? "dec0=" + std::to_string(used.used_by_decoder[0]) +
+                            " dec1=" + std::to_string(used.used_by_decoder[1])
+                      : "");
+    return {};
+}
+
+StepResult Session::set_pts(const Command& c, const CallStep&) {
+    quarvel_video_output_s* h;
+    if (video_handle(c, "quarvel_video_output_set_pts", &h))
+        call_set_pts(c, h, c.num("value", 0), c.expect());
+    return {};
+}
+
+// The library's broadcast switch mutes audio from a detached thread of its own. Waiting
+// for that thread to end keeps the order of the printed lines the same from run to run.
+StepResult Session::notify_ta_switch(const Command& c, const CallStep&) {
+    const char* fn = "quarvel_video_output_notify_ta_switch";
+    quarvel_video_output_s* h;
+    if (!video_handle(c, fn, &h))
+        return {};
+    begin_call(c, std::string(fn) + "() " + preload_text());
+    const int threads = ruvo_kit::thread_count();
+    quarvel_video_output_notify_ta_switch(h);
+    ruvo_kit::wait_for_threads_to_end(threads, std::chrono::seconds(5));
+    end_call(c, fn, 0, c.expect(), preload_text());
+    return {};
+}
+
+// ---- Video call steps ---------------------------------------------------------------------
+
+void Session::set_video_rect(const Command& c, const quarvel_video_output_rect_t& r) {
+    quarvel_video_output_s* h;
+    if (video_handle(c, "quarvel_video_output_set_rect", &h))
+        call_set_rect(c, h, r, c.expect());
+}
+
+void Session::call_set_pts(const Command& c, quarvel_video_output_s* h, long long pts, int64_t expected) {
+    const char* fn = "quarvel_video_output_set_pts";
+    begin_call(c, std::string(fn) + "(" + std::to_string(pts) + ")");
+    const int res = quarvel_video_output_set_pts(h, pts);
+    end_call(c, fn, res, expected, "");
+}
+
+// A line's own index counts on by one a call; without one, the session's next.
+uint32_t Session::frame_index(const Command& c, int64_t step) {
+    return c.has("index") ? static_cast<uint32_t>(c.num("index", 0) + step) : next_index_++;
+}
+
+// The call line for a frame of format `f`, then the call.
+int Session::call_with_frame(const Command& c, const char* fn, FrameCall call, quarvel_video_output_s* h,
+                             const FrameFormat& f, uint32_t index) {
+    v4l2_drm d = frame_descriptor(f, index);
+    quarvel_video_output_frame_s frame{};
+    frame.v4l2_frame = &d;
+    frame.dv_profile = f.dv;
+    begin_call(c, std::string(fn) + "(" + frame_text(f, index) + ")");
+    return call(h, &frame);
+}
+
+int Session::push_null_frame(const Command& c, quarvel_video_output_s* h) {
+    begin_call(c, "quarvel_video_output_push_frame_to_display(null frame)");
+    const int res = quarvel_video_output_push_frame_to_display(h, nullptr);
+    null_frames_++;
+    return res;
+}
+
+// A frame counts as shown when the plane has been placed and the video is not muted.
+int Session::push_decoded_frame(const Command& c, quarvel_video_output_s* h, int64_t step) {
+    apply_format(c, &fmt_);
+    const uint32_t index = frame_index(c, step);
+    const int res = call_with_frame(c, "quarvel_video_output_push_frame_to_display",
+                                    quarvel_video_output_push_frame_to_display, h, fmt_, index);
+    frames_pushed_++;
+    if (res == 0) {
+        frames_ok_++;
+        std::lock_guard<std::mutex> g(mu_);
+        if (setplanes_ > 0 && !plane_.muted)
+            frames_shown_++;
+    }
+    return res;
+}
+
+// The window moves from 'from' (or where it was when the line began) to 'to' in count
+// equal steps; the first frame already takes the first step. A step that lands where the
+// window is makes no call.
+void Session::move_window(const Command& c, quarvel_video_output_s* h, int64_t step) {
+    std::array<int64_t, 4>& f = move_start_[&c];
+    if (step == 0) {
+        if (c.has("from"))
+            for (int i = 0; i < 4; ++i)
+                f[static_cast<size_t>(i)] = c.arg("from").v[i];
+        else
+            f = {last_rect_.x, last_rect_.y, last_rect_.w, last_rect_.h};
+    }
+    const int64_t n = c.count();
+    const Arg& to = c.arg("to");
+    int64_t v[4];
+    for (size_t i = 0; i < 4; ++i)
+        v[i] = f[i] + (to.v[i] - f[i]) * (step + 1) / n;
+    quarvel_video_output_rect_t r = last_rect_;
+    r.x = static_cast<int32_t>(v[0]);
+    r.y = static_cast<int32_t>(v[1]);
+    r.w = static_cast<uint32_t>(v[2]);
+    r.h = static_cast<uint32_t>(v[3]);
+    if (!same_rect(r, last_rect_))
+        call_set_rect(c, h, r, 0);
+}
+
+// ---- Audio calls ------------------------------------------------------------------------------
+
+StepResult Session::open_audio(const Command& c, const CallStep&) {
+    const char* fn = "quarvel_audio_output_open";
+    if (audio_) {
+        skipped(c, fn, "an audio output is already open");
+        return {};
+    }
+    const std::string& path = c.arg("path").text;
+    begin_call(c, std::string(fn) + "(\"" + path + "\")");
+    audio_ = quarvel_audio_output_open(path.c_str());
+    audio_run_++;
+    // A failed open releases the handle with a line that has no newline of its own.
+    if (!audio_)
+        printf("\n");
+    end_call(c, fn, audio_ ? 0 : -1, c.expect(), audio_ ? "" : "(null)");
+    return {};
+}
+
+StepResult Session::set_up_audio(const Command& c, const CallStep&) {
+    const char* fn = "quarvel_audio_output_setup";
+    quarvel_audio_output_s* h;
+    if (!audio_handle(c, fn, &h))
+        return {};
+    quarvel_audio_output_setup_params_s p{};
+    p.channels = static_cast<uint32_t>(c.num("channels", 2));
+    p.sample_rate = static_cast<uint32_t>(c.num("rate", 48000));
+    begin_call(c, std::string(fn) + "(channels=" + std::to_string(p.channels) +
+                      " sample_rate=" + std::to_string(p.sample_rate) + ")");
+    const int res = quarvel_audio_output_setup(h, &p);
+    if (res == 0 && h)
+        channels_ = p.channels;
+    end_call(c, fn, res, c.expect(), "");
+    return {};
+}
+
+StepResult Session::start_audio(const Command& c, const CallStep&) {
+    call_audio(c, "quarvel_audio_output_start", quarvel_audio_output_start);
+    return {};
+}
+
+// Stopping drops what the decoder had: the delay samples after it are another run.
+StepResult Session::stop_audio(const Command& c, const CallStep&) {
+    if (call_audio(c, "quarvel_audio_output_stop", quarvel_audio_output_stop))
+        audio_run_++;
+    return {};
+}
+
+StepResult Session::set_sync_mode(const Command& c, const CallStep&) {
+    const char* fn = "quarvel_audio_output_set_sync_mode";
+    quarvel_audio_output_s* h;
+    if (!audio_handle(c, fn, &h))
+        return {};
+    const uint32_t mode = static_cast<uint32_t>(c.num("mode", 0));
+    begin_call(c, std::string(fn) + "(" + std::to_string(mode) + ")");
+    const int res =
+        quarvel_audio_output_set_sync_mode(h, static_cast<quarvel_audio_output_sync_mode_t>(mode));
+    end_call(c, fn, res, c.expect(), "");
+    return {};
+}
+
+// One block of the line's size and header bytes. With a retry time, a no-space answer is
+// tried again later, up to the line's most retries.
+StepResult Session::push_audio(const Command& c, const CallStep& s) {
+    const char* fn = "quarvel_audio_output_push_data";
+    quarvel_audio_output_s* h;
+    if (!audio_handle(c, fn, &h))
+        return {};
+    const uint32_t size = static_cast<uint32_t>(c.num("size", 4096));
+    const uint32_t extra = static_cast<uint32_t>(c.num("extra", 0));
+    const std::vector<unsigned char> data = audio_block(static_cast<size_t>(size) + extra, s.step);
+    begin_call(c,
+               std::string(fn) + "(size=" + std::to_string(size) + " extra=" + std::to_string(extra) + ")");
+    const int res = quarvel_audio_output_push_data(h, data.data(), size, extra);
+    if (res == -2 && c.has("retry") && c.expect() != -2)
+        return retry_after_no_space(c, fn, res, s.retries);
+    if (res == 0)
+        count_audio_block(size, extra);
+    else if (res == -2)
+        no_space();
+    end_call(c, fn, res, c.expect(), "");
+    return {};
+}
+
+// Every answer is a delay sample for the picture, of the current run.
+StepResult Session::report_audio_info(const Command& c, const CallStep&) {
+    const char* fn = "quarvel_audio_output_get_info";
+    quarvel_audio_output_s* h;
+    if (!audio_handle(c, fn, &h))
+        return {};
+    begin_call(c, std::string(fn) + "()");
+    quarvel_audio_output_info_s info{};
+    const int res = quarvel_audio_output_get_info(h, &info);
+    std::string detail;
+    if (res == 0) {
+        char buf[160];
+        snprintf(buf, sizeof(buf), "frames_delay=%u bytes_free=%u remain_size=%" PRId64, info.frames_delay,
+                 info.bytes_free, info.remain_size);
+        detail = buf;
+        std::lock_guard<std::mutex> g(mu_);
+        delays_.push_back(DelaySample{now_.load(), info.frames_delay, audio_run_});
+    }
+    end_call(c, fn, res, c.expect(), detail);
+    return {};
+}
+
+StepResult Session::set_volume(const Command& c, const CallStep&) {
+    call_audio_level(c, "quarvel_audio_output_volume_control", quarvel_audio_output_volume_control);
+    return {};
+}
+
+StepResult Session::set_speed(const Command& c, const CallStep&) {
+    call_audio_level(c, "quarvel_audio_output_speed_control", quarvel_audio_output_speed_control);
+    return {};
+}
+
+StepResult Session::close_audio(const Command& c, const CallStep&) {
+    const char* fn = "quarvel_audio_output_close";
+    quarvel_audio_output_s* h;
+    if (!audio_handle(c, fn, &h))
+        return {};
+    begin_call(c, std::string(fn) + (h ? "()" : "(null)"));
+    quarvel_audio_output_close(h);
+    audio_run_++;
+    if (h)
+        audio_ = nullptr;
+    // The library's release line carries no newline of its own.
+    printf("\n");
+    end_call(c, fn, 0, c.expect(), "");
+    return {};
+}
+
+// ---- Audio call steps ---------------------------------------------------------------------
+
+// A call with nothing but the handle; false when it was skipped (no output open).
+bool Session::call_audio(const Command& c, const char* fn, AudioCall call) {
+    quarvel_audio_output_s* h;
+    if (!audio_handle(c, fn, &h))
+        return false;
+    begin_call(c, std::string(fn) + "()");
+    const int res = call(h);
+    end_call(c, fn, res, c.expect(), "");
+    return true;
+}
+
+void Session::call_audio_level(const Command& c, const char* fn, AudioLevelCall call) {
+    quarvel_audio_output_s* h;
+    if (!audio_handle(c, fn, &h))
+        return;
+    const float v = static_cast<float>(c.real("value", 1.0));
+    char buf[64];
+    snprintf(buf, sizeof(buf), "(%g)", static_cast<double>(v));
+    begin_call(c, std::string(fn) + buf);
+    const int res = call(h, v);
+    end_call(c, fn, res, c.expect(), "");
+}
+
+// A no-space answer on a line that retries: again after the retry time, or, past the most
+// retries, the answer stands against what the line expects.
+StepResult Session::retry_after_no_space(const Command& c, const char* fn, int res, int64_t retries) {
+    no_space();
+    if (retries >= c.num("max-retries", 1000)) {
+        end_call(c, fn, res, c.expect(), "no space after " + std::to_string(retries) + " retries");
+        return {};
+    }
+    end_call(c, fn, res, res, "no space, retry in " + format_ms(c.num("retry", 0)) + " ms");
+    StepResult sr;
+    sr.retry = true;
+    sr.retry_us = c.num("retry", 0);
     return sr;
+}
+
+// Blocks of 16-bit samples: the frames count for the channels of the last setup.
+void Session::count_audio_block(uint32_t size, uint32_t extra) {
+    audio_blocks_++;
+    audio_bytes_ += size + extra;
+    if (channels_)
+        audio_frames_ += (size / 2) / channels_;
 }
 
 void Session::execute_platform(const Command& c) {
