@@ -128,6 +128,23 @@ struct StepResult {
     int64_t retry_us = 0;
 };
 
+// What a library call needs before it is made.
+enum class Needs {
+    NoVideo,  // no video output open: the call opens one
+    Video,    // the open video output (null for a line with handle=null)
+    NoAudio,  // no audio output open: the call opens one
+    Audio,    // the open audio output (null for a line with handle=null)
+};
+
+// One call of a line, with the handle it is made on.
+struct Call {
+    const char* fn = nullptr;                 // the library function, as printed
+    int64_t step = 0;                         // which of the line's calls, from 0
+    int64_t retries = 0;                      // how often this call was tried again
+    quarvel_video_output_s* video = nullptr;  // Needs::Video
+    quarvel_audio_output_s* audio = nullptr;  // Needs::Audio
+};
+
 class Session {
   public:
     Session(const Scenario& sc, const PlayerOptions& opt) : sc_(sc), opt_(opt) {}
@@ -140,13 +157,16 @@ class Session {
     int64_t line_every(const Command& c) const;
 
     // Library calls: one handler a call, found in a table by the line's command.
-    struct CallStep {
-        int64_t step;     // which of the line's calls, from 0
-        int64_t retries;  // how often this call was tried again
+    using CallHandler = StepResult (Session::*)(const Command& c, const Call& call);
+    struct CallDef {
+        Cmd cmd;
+        const char* fn;
+        Needs needs;
+        CallHandler run;
     };
-    using CallHandler = StepResult (Session::*)(const Command& c, const CallStep& s);
-    static CallHandler call_handler(Cmd cmd);
+    static const CallDef* call_def(Cmd cmd);
     StepResult execute_call(const Command& c, int64_t step, int64_t retries);
+    bool take_handle(const Command& c, Needs needs, Call* call);
     void execute_platform(const Command& c);
     void begin_call(const Command& c, const std::string& what);
     void end_call(const Command& c, const char* fn, int64_t result, int64_t expected,
@@ -156,51 +176,50 @@ class Session {
     bool audio_handle(const Command& c, const char* fn, quarvel_audio_output_s** out);
 
     // Video calls
-    StepResult open_video(const Command& c, const CallStep& s);
-    StepResult close_video(const Command& c, const CallStep& s);
-    StepResult report_panel_size(const Command& c, const CallStep& s);
-    StepResult place_video(const Command& c, const CallStep& s);
-    StepResult hide_video(const Command& c, const CallStep& s);
-    StepResult show_video(const Command& c, const CallStep& s);
-    StepResult start_with_first_frame(const Command& c, const CallStep& s);
-    StepResult push_frame(const Command& c, const CallStep& s);
-    StepResult announce_next_resolution(const Command& c, const CallStep& s);
-    StepResult report_vsync(const Command& c, const CallStep& s);
-    StepResult report_used_frames(const Command& c, const CallStep& s);
-    StepResult set_pts(const Command& c, const CallStep& s);
-    StepResult notify_ta_switch(const Command& c, const CallStep& s);
+    StepResult open_video(const Command& c, const Call& call);
+    StepResult close_video(const Command& c, const Call& call);
+    StepResult report_panel_size(const Command& c, const Call& call);
+    StepResult place_video(const Command& c, const Call& call);
+    StepResult hide_video(const Command& c, const Call& call);
+    StepResult show_video(const Command& c, const Call& call);
+    StepResult start_with_first_frame(const Command& c, const Call& call);
+    StepResult push_frame(const Command& c, const Call& call);
+    StepResult announce_next_resolution(const Command& c, const Call& call);
+    StepResult report_vsync(const Command& c, const Call& call);
+    StepResult report_used_frames(const Command& c, const Call& call);
+    StepResult set_pts(const Command& c, const Call& call);
+    StepResult notify_ta_switch(const Command& c, const Call& call);
 
     // Video call steps
     using FrameCall = int (*)(quarvel_video_output_s* output, quarvel_video_output_frame_s const* frame);
-    void set_video_rect(const Command& c, const quarvel_video_output_rect_t& r);
     void call_set_rect(const Command& c, quarvel_video_output_s* h, const quarvel_video_output_rect_t& r,
                        int64_t expected);
     void call_set_pts(const Command& c, quarvel_video_output_s* h, long long pts, int64_t expected);
     uint32_t frame_index(const Command& c, int64_t step);
-    int call_with_frame(const Command& c, const char* fn, FrameCall call, quarvel_video_output_s* h,
-                        const FrameFormat& f, uint32_t index);
-    int push_null_frame(const Command& c, quarvel_video_output_s* h);
-    int push_decoded_frame(const Command& c, quarvel_video_output_s* h, int64_t step);
-    void move_window(const Command& c, quarvel_video_output_s* h, int64_t step);
+    int call_with_frame(const Command& c, const Call& call, FrameCall fn, const FrameFormat& f,
+                        uint32_t index);
+    int push_null_frame(const Command& c, const Call& call);
+    int push_decoded_frame(const Command& c, const Call& call);
+    void move_window(const Command& c, const Call& call);
 
     // Audio calls
-    StepResult open_audio(const Command& c, const CallStep& s);
-    StepResult set_up_audio(const Command& c, const CallStep& s);
-    StepResult start_audio(const Command& c, const CallStep& s);
-    StepResult stop_audio(const Command& c, const CallStep& s);
-    StepResult set_sync_mode(const Command& c, const CallStep& s);
-    StepResult push_audio(const Command& c, const CallStep& s);
-    StepResult report_audio_info(const Command& c, const CallStep& s);
-    StepResult set_volume(const Command& c, const CallStep& s);
-    StepResult set_speed(const Command& c, const CallStep& s);
-    StepResult close_audio(const Command& c, const CallStep& s);
+    StepResult open_audio(const Command& c, const Call& call);
+    StepResult set_up_audio(const Command& c, const Call& call);
+    StepResult start_audio(const Command& c, const Call& call);
+    StepResult stop_audio(const Command& c, const Call& call);
+    StepResult set_sync_mode(const Command& c, const Call& call);
+    StepResult push_audio(const Command& c, const Call& call);
+    StepResult report_audio_info(const Command& c, const Call& call);
+    StepResult set_volume(const Command& c, const Call& call);
+    StepResult set_speed(const Command& c, const Call& call);
+    StepResult close_audio(const Command& c, const Call& call);
 
     // Audio call steps
     using AudioCall = int (*)(quarvel_audio_output_s* output);
     using AudioLevelCall = int (*)(quarvel_audio_output_s* output, float value);
-    bool call_audio(const Command& c, const char* fn, AudioCall call);
-    void call_audio_level(const Command& c, const char* fn, AudioLevelCall call);
-    StepResult retry_after_no_space(const Command& c, const char* fn, int res, int64_t retries);
+    void call_audio(const Command& c, const Call& call, AudioCall fn);
+    void call_audio_level(const Command& c, const Call& call, AudioLevelCall fn);
+    StepResult retry_after_no_space(const Command& c, const Call& call, int res);
     void count_audio_block(uint32_t size, uint32_t extra);
 
     // Requests
@@ -394,36 +413,35 @@ void Session::call_set_rect(const Command& c, quarvel_video_output_s* h, const q
 
 // ---- Library calls: one handler a call, looked up by the line's command ----------------------
 
-Session::CallHandler Session::call_handler(Cmd cmd) {
-    struct Entry {
-        Cmd cmd;
-        CallHandler run;
-    };
+const Session::CallDef* Session::call_def(Cmd cmd) {
     // In the order of Cmd, from its first call to its last.
-    static constexpr Entry kCalls[] = {
-        {Cmd::VideoOpen, &Session::open_video},
-        {Cmd::VideoClose, &Session::close_video},
-        {Cmd::VideoPanel, &Session::report_panel_size},
-        {Cmd::VideoRect, &Session::place_video},
-        {Cmd::VideoHide, &Session::hide_video},
-        {Cmd::VideoShow, &Session::show_video},
-        {Cmd::VideoFirstFrame, &Session::start_with_first_frame},
-        {Cmd::VideoFrame, &Session::push_frame},
-        {Cmd::VideoNextRes, &Session::announce_next_resolution},
-        {Cmd::VideoVsync, &Session::report_vsync},
-        {Cmd::VideoUsed, &Session::report_used_frames},
-        {Cmd::VideoPts, &Session::set_pts},
-        {Cmd::VideoNotifyTa, &Session::notify_ta_switch},
-        {Cmd::AudioOpen, &Session::open_audio},
-        {Cmd::AudioSetup, &Session::set_up_audio},
-        {Cmd::AudioStart, &Session::start_audio},
-        {Cmd::AudioStop, &Session::stop_audio},
-        {Cmd::AudioSyncMode, &Session::set_sync_mode},
-        {Cmd::AudioPush, &Session::push_audio},
-        {Cmd::AudioInfo, &Session::report_audio_info},
-        {Cmd::AudioVolume, &Session::set_volume},
-        {Cmd::AudioSpeed, &Session::set_speed},
-        {Cmd::AudioClose, &Session::close_audio},
+    static constexpr CallDef kCalls[] = {
+        {Cmd::VideoOpen, "quarvel_video_output_open", Needs::NoVideo, &Session::open_video},
+        {Cmd::VideoClose, "quarvel_video_output_close", Needs::Video, &Session::close_video},
+        {Cmd::VideoPanel, "quarvel_video_output_get_panel_size", Needs::Video, &Session::report_panel_size},
+        {Cmd::VideoRect, "quarvel_video_output_set_rect", Needs::Video, &Session::place_video},
+        {Cmd::VideoHide, "quarvel_video_output_set_rect", Needs::Video, &Session::hide_video},
+        {Cmd::VideoShow, "quarvel_video_output_set_rect", Needs::Video, &Session::show_video},
+        {Cmd::VideoFirstFrame, "quarvel_video_output_init_with_first_frame", Needs::Video,
+         &Session::start_with_first_frame},
+        {Cmd::VideoFrame, "quarvel_video_output_push_frame_to_display", Needs::Video, &Session::push_frame},
+        {Cmd::VideoNextRes, "quarvel_video_output_set_next_res", Needs::Video,
+         &Session::announce_next_resolution},
+        {Cmd::VideoVsync, "quarvel_video_output_get_vsync_info", Needs::Video, &Session::report_vsync},
+        {Cmd::VideoUsed, "quarvel_video_output_get_used_frames", Needs::Video, &Session::report_used_frames},
+        {Cmd::VideoPts, "quarvel_video_output_set_pts", Needs::Video, &Session::set_pts},
+        {Cmd::VideoNotifyTa, "quarvel_video_output_notify_ta_switch", Needs::Video,
+         &Session::notify_ta_switch},
+        {Cmd::AudioOpen, "quarvel_audio_output_open", Needs::NoAudio, &Session::open_audio},
+        {Cmd::AudioSetup, "quarvel_audio_output_setup", Needs::Audio, &Session::set_up_audio},
+        {Cmd::AudioStart, "quarvel_audio_output_start", Needs::Audio, &Session::start_audio},
+        {Cmd::AudioStop, "quarvel_audio_output_stop", Needs::Audio, &Session::stop_audio},
+        {Cmd::AudioSyncMode, "quarvel_audio_output_set_sync_mode", Needs::Audio, &Session::set_sync_mode},
+        {Cmd::AudioPush, "quarvel_audio_output_push_data", Needs::Audio, &Session::push_audio},
+        {Cmd::AudioInfo, "quarvel_audio_output_get_info", Needs::Audio, &Session::report_audio_info},
+        {Cmd::AudioVolume, "quarvel_audio_output_volume_control", Needs::Audio, &Session::set_volume},
+        {Cmd::AudioSpeed, "quarvel_audio_output_speed_control", Needs::Audio, &Session::set_speed},
+        {Cmd::AudioClose, "quarvel_audio_output_close", Needs::Audio, &Session::close_audio},
     };
     constexpr size_t kFirst = static_cast<size_t>(Cmd::VideoOpen);
     constexpr size_t kCount = sizeof(kCalls) / sizeof(kCalls[0]);
@@ -437,59 +455,69 @@ Session::CallHandler Session::call_handler(Cmd cmd) {
         }(),
         "the handlers are out of the order of Cmd");
     const size_t at = static_cast<size_t>(cmd);
-    return at >= kFirst && at < kFirst + kCount ? kCalls[at - kFirst].run : nullptr;
+    return at >= kFirst && at < kFirst + kCount ? &kCalls[at - kFirst] : nullptr;
 }
 
 StepResult Session::execute_call(const Command& c, int64_t step, int64_t retries) {
-    const CallHandler run = call_handler(c.cmd);
-    return run ? (this->*run)(c, CallStep{step, retries}) : StepResult{};
+    const CallDef* def = call_def(c.cmd);
+    if (!def)
+        return {};
+    Call call{def->fn, step, retries, nullptr, nullptr};
+    if (!take_handle(c, def->needs, &call))
+        return {};
+    return (this->*def->run)(c, call);
+}
+
+// The handle the call is made on. False, the call reported as skipped, when the output it
+// needs is not open, or the one it opens already is.
+bool Session::take_handle(const Command& c, Needs needs, Call* call) {
+    if (needs == Needs::NoVideo && video_) {
+        skipped(c, call->fn, "a video output is already open");
+        return false;
+    }
+    if (needs == Needs::NoAudio && audio_) {
+        skipped(c, call->fn, "an audio output is already open");
+        return false;
+    }
+    if (needs == Needs::Video)
+        return video_handle(c, call->fn, &call->video);
+    if (needs == Needs::Audio)
+        return audio_handle(c, call->fn, &call->audio);
+    return true;
 }
 
 // ---- Video calls ------------------------------------------------------------------------------
 
-StepResult Session::open_video(const Command& c, const CallStep&) {
-    const char* fn = "quarvel_video_output_open";
-    if (video_) {
-        skipped(c, fn, "a video output is already open");
-        return {};
-    }
+StepResult Session::open_video(const Command& c, const Call& call) {
     const bool ta = c.num("ta", 0) != 0;
-    begin_call(c, std::string(fn) + (ta ? "(bTaCase=true)" : "(bTaCase=false)"));
+    begin_call(c, std::string(call.fn) + (ta ? "(bTaCase=true)" : "(bTaCase=false)"));
     video_ = quarvel_video_output_open(ta);
     if (video_) {
         panel_w_ = video_->m_panel_width;
         panel_h_ = video_->m_panel_height;
     }
-    end_call(c, fn, video_ ? 0 : -1, c.expect(), video_ ? output_text(*video_) : "(null)");
+    end_call(c, call.fn, video_ ? 0 : -1, c.expect(), video_ ? output_text(*video_) : "(null)");
     return {};
 }
 
-StepResult Session::close_video(const Command& c, const CallStep&) {
-    const char* fn = "quarvel_video_output_close";
-    quarvel_video_output_s* h;
-    if (!video_handle(c, fn, &h))
-        return {};
-    begin_call(c, std::string(fn) + (h ? "()" : "(null)"));
-    quarvel_video_output_close(h);
-    if (h)
+StepResult Session::close_video(const Command& c, const Call& call) {
+    begin_call(c, std::string(call.fn) + (call.video ? "()" : "(null)"));
+    quarvel_video_output_close(call.video);
+    if (call.video)
         video_ = nullptr;
-    end_call(c, fn, 0, c.expect(), "");
+    end_call(c, call.fn, 0, c.expect(), "");
     return {};
 }
 
-StepResult Session::report_panel_size(const Command& c, const CallStep&) {
-    const char* fn = "quarvel_video_output_get_panel_size";
-    quarvel_video_output_s* h;
-    if (!video_handle(c, fn, &h))
-        return {};
-    begin_call(c, std::string(fn) + "()");
-    int w = -1, hh = -1;
-    quarvel_video_output_get_panel_size(h, &w, &hh);
-    end_call(c, fn, 0, c.expect(), "w=" + std::to_string(w) + " h=" + std::to_string(hh));
+StepResult Session::report_panel_size(const Command& c, const Call& call) {
+    begin_call(c, std::string(call.fn) + "()");
+    int w = -1, h = -1;
+    quarvel_video_output_get_panel_size(call.video, &w, &h);
+    end_call(c, call.fn, 0, c.expect(), "w=" + std::to_string(w) + " h=" + std::to_string(h));
     return {};
 }
 
-StepResult Session::place_video(const Command& c, const CallStep&) {
+StepResult Session::place_video(const Command& c, const Call& call) {
     quarvel_video_output_rect_t r{};
     r.x = static_cast<int32_t>(c.num("x", 0));
     r.y = static_cast<int32_t>(c.num("y", 0));
@@ -499,124 +527,92 @@ StepResult Session::place_video(const Command& c, const CallStep&) {
         r.dar_w = static_cast<uint32_t>(c.arg("dar").v[0]);
         r.dar_h = static_cast<uint32_t>(c.arg("dar").v[1]);
     }
-    set_video_rect(c, r);
+    call_set_rect(c, call.video, r, c.expect());
     return {};
 }
 
 // Hiding is a rectangle of no width where the video last was.
-StepResult Session::hide_video(const Command& c, const CallStep&) {
+StepResult Session::hide_video(const Command& c, const Call& call) {
     quarvel_video_output_rect_t r = last_rect_;
     r.w = 0;
-    set_video_rect(c, r);
+    call_set_rect(c, call.video, r, c.expect());
     return {};
 }
 
-StepResult Session::show_video(const Command& c, const CallStep&) {
-    set_video_rect(c, last_shown_);
+StepResult Session::show_video(const Command& c, const Call& call) {
+    call_set_rect(c, call.video, last_shown_, c.expect());
     return {};
 }
 
-StepResult Session::start_with_first_frame(const Command& c, const CallStep&) {
-    const char* fn = "quarvel_video_output_init_with_first_frame";
-    quarvel_video_output_s* h;
-    if (!video_handle(c, fn, &h))
-        return {};
+StepResult Session::start_with_first_frame(const Command& c, const Call& call) {
     apply_format(c, &fmt_);
     const uint32_t index = frame_index(c, 0);
-    const int res = call_with_frame(c, fn, quarvel_video_output_init_with_first_frame, h, fmt_, index);
-    end_call(c, fn, res, c.expect(), "");
+    const int res = call_with_frame(c, call, quarvel_video_output_init_with_first_frame, fmt_, index);
+    end_call(c, call.fn, res, c.expect(), "");
     return {};
 }
 
 // One frame of a line, after moving the window one step on if the line moves it; then the
 // frame's presentation time if the line gives one.
-StepResult Session::push_frame(const Command& c, const CallStep& s) {
-    const char* fn = "quarvel_video_output_push_frame_to_display";
-    quarvel_video_output_s* h;
-    if (!video_handle(c, fn, &h))
-        return {};
+StepResult Session::push_frame(const Command& c, const Call& call) {
     if (c.has("to"))
-        move_window(c, h, s.step);
-    const int res = c.num("null", 0) == 1 ? push_null_frame(c, h) : push_decoded_frame(c, h, s.step);
-    end_call(c, fn, res, c.expect(), "");
+        move_window(c, call);
+    const int res = c.num("null", 0) == 1 ? push_null_frame(c, call) : push_decoded_frame(c, call);
+    end_call(c, call.fn, res, c.expect(), "");
     if (c.has("pts"))
-        call_set_pts(c, h, c.num("pts", 0) + s.step * c.num("pts-step", 0), 0);
+        call_set_pts(c, call.video, c.num("pts", 0) + call.step * c.num("pts-step", 0), 0);
     return {};
 }
 
 // The next size is announced with the stream's format as it stands, changed by the line
 // but not kept, and the index the next frame will get.
-StepResult Session::announce_next_resolution(const Command& c, const CallStep&) {
-    const char* fn = "quarvel_video_output_set_next_res";
-    quarvel_video_output_s* h;
-    if (!video_handle(c, fn, &h))
-        return {};
+StepResult Session::announce_next_resolution(const Command& c, const Call& call) {
     FrameFormat f = fmt_;
     apply_format(c, &f);
     const uint32_t index = c.has("index") ? static_cast<uint32_t>(c.num("index", 0)) : next_index_;
-    const int res = call_with_frame(c, fn, quarvel_video_output_set_next_res, h, f, index);
-    end_call(c, fn, res, c.expect(), "");
+    const int res = call_with_frame(c, call, quarvel_video_output_set_next_res, f, index);
+    end_call(c, call.fn, res, c.expect(), "");
     return {};
 }
 
-StepResult Session::report_vsync(const Command& c, const CallStep&) {
-    const char* fn = "quarvel_video_output_get_vsync_info";
-    quarvel_video_output_s* h;
-    if (!video_handle(c, fn, &h))
-        return {};
+StepResult Session::report_vsync(const Command& c, const Call& call) {
     quarvel_video_output_vsync_info_s info{};
-    begin_call(c, std::string(fn) + "()");
-    const int res = quarvel_video_output_get_vsync_info(h, &info);
+    begin_call(c, std::string(call.fn) + "()");
+    const int res = quarvel_video_output_get_vsync_info(call.video, &info);
     char buf[128];
     snprintf(buf, sizeof(buf), "fps=%.6f tv_sec=%d tv_nsec=%d", info.fps, info.tv_sec, info.tv_nsec);
-    end_call(c, fn, res, c.expect(), res == 0 ? buf : "");
+    end_call(c, call.fn, res, c.expect(), res == 0 ? buf : "");
     return {};
 }
 
-StepResult Session::report_used_frames(const Command& c, const CallStep&) {
-    const char* fn = "quarvel_video_output_get_used_frames";
-    quarvel_video_output_s* h;
-    if (!video_handle(c, fn, &h))
-        return {};
+StepResult Session::report_used_frames(const Command& c, const Call& call) {
     quarvel_video_used_frames_s used{};
-    begin_call(c, std::string(fn) + "()");
-    const int res = quarvel_video_output_get_used_frames(h, &used);
-    end_call(c, fn, res, c.expect(),
+    begin_call(c, std::string(call.fn) + "()");
+    const int res = quarvel_video_output_get_used_frames(call.video, &used);
+    end_call(c, call.fn, res, c.expect(),
              res == 0 ? "dec0=" + std::to_string(used.used_by_decoder[0]) +
                             " dec1=" + std::to_string(used.used_by_decoder[1])
                       : "");
     return {};
 }
 
-StepResult Session::set_pts(const Command& c, const CallStep&) {
-    quarvel_video_output_s* h;
-    if (video_handle(c, "quarvel_video_output_set_pts", &h))
-        call_set_pts(c, h, c.num("value", 0), c.expect());
+StepResult Session::set_pts(const Command& c, const Call& call) {
+    call_set_pts(c, call.video, c.num("value", 0), c.expect());
     return {};
 }
 
 // The library's broadcast switch mutes audio from a detached thread of its own. Waiting
 // for that thread to end keeps the order of the printed lines the same from run to run.
-StepResult Session::notify_ta_switch(const Command& c, const CallStep&) {
-    const char* fn = "quarvel_video_output_notify_ta_switch";
-    quarvel_video_output_s* h;
-    if (!video_handle(c, fn, &h))
-        return {};
-    begin_call(c, std::string(fn) + "() " + preload_text());
+StepResult Session::notify_ta_switch(const Command& c, const Call& call) {
+    begin_call(c, std::string(call.fn) + "() " + preload_text());
     const int threads = ruvo_kit::thread_count();
-    quarvel_video_output_notify_ta_switch(h);
+    quarvel_video_output_notify_ta_switch(call.video);
     ruvo_kit::wait_for_threads_to_end(threads, std::chrono::seconds(5));
-    end_call(c, fn, 0, c.expect(), preload_text());
+    end_call(c, call.fn, 0, c.expect(), preload_text());
     return {};
 }
 
 // ---- Video call steps ---------------------------------------------------------------------
-
-void Session::set_video_rect(const Command& c, const quarvel_video_output_rect_t& r) {
-    quarvel_video_output_s* h;
-    if (video_handle(c, "quarvel_video_output_set_rect", &h))
-        call_set_rect(c, h, r, c.expect());
-}
 
 void Session::call_set_pts(const Command& c, quarvel_video_output_s* h, long long pts, int64_t expected) {
     const char* fn = "quarvel_video_output_set_pts";
@@ -631,29 +627,28 @@ uint32_t Session::frame_index(const Command& c, int64_t step) {
 }
 
 // The call line for a frame of format `f`, then the call.
-int Session::call_with_frame(const Command& c, const char* fn, FrameCall call, quarvel_video_output_s* h,
-                             const FrameFormat& f, uint32_t index) {
+int Session::call_with_frame(const Command& c, const Call& call, FrameCall fn, const FrameFormat& f,
+                             uint32_t index) {
     v4l2_drm d = frame_descriptor(f, index);
     quarvel_video_output_frame_s frame{};
     frame.v4l2_frame = &d;
     frame.dv_profile = f.dv;
-    begin_call(c, std::string(fn) + "(" + frame_text(f, index) + ")");
-    return call(h, &frame);
+    begin_call(c, std::string(call.fn) + "(" + frame_text(f, index) + ")");
+    return fn(call.video, &frame);
 }
 
-int Session::push_null_frame(const Command& c, quarvel_video_output_s* h) {
-    begin_call(c, "quarvel_video_output_push_frame_to_display(null frame)");
-    const int res = quarvel_video_output_push_frame_to_display(h, nullptr);
+int Session::push_null_frame(const Command& c, const Call& call) {
+    begin_call(c, std::string(call.fn) + "(null frame)");
+    const int res = quarvel_video_output_push_frame_to_display(call.video, nullptr);
     null_frames_++;
     return res;
 }
 
 // A frame counts as shown when the plane has been placed and the video is not muted.
-int Session::push_decoded_frame(const Command& c, quarvel_video_output_s* h, int64_t step) {
+int Session::push_decoded_frame(const Command& c, const Call& call) {
     apply_format(c, &fmt_);
-    const uint32_t index = frame_index(c, step);
-    const int res = call_with_frame(c, "quarvel_video_output_push_frame_to_display",
-                                    quarvel_video_output_push_frame_to_display, h, fmt_, index);
+    const uint32_t index = frame_index(c, call.step);
+    const int res = call_with_frame(c, call, quarvel_video_output_push_frame_to_display, fmt_, index);
     frames_pushed_++;
     if (res == 0) {
         frames_ok_++;
@@ -667,9 +662,9 @@ int Session::push_decoded_frame(const Command& c, quarvel_video_output_s* h, int
 // The window moves from 'from' (or where it was when the line began) to 'to' in count
 // equal steps; the first frame already takes the first step. A step that lands where the
 // window is makes no call.
-void Session::move_window(const Command& c, quarvel_video_output_s* h, int64_t step) {
+void Session::move_window(const Command& c, const Call& call) {
     std::array<int64_t, 4>& f = move_start_[&c];
-    if (step == 0) {
+    if (call.step == 0) {
         if (c.has("from"))
             for (int i = 0; i < 4; ++i)
                 f[static_cast<size_t>(i)] = c.arg("from").v[i];
@@ -680,109 +675,88 @@ void Session::move_window(const Command& c, quarvel_video_output_s* h, int64_t s
     const Arg& to = c.arg("to");
     int64_t v[4];
     for (size_t i = 0; i < 4; ++i)
-        v[i] = f[i] + (to.v[i] - f[i]) * (step + 1) / n;
+        v[i] = f[i] + (to.v[i] - f[i]) * (call.step + 1) / n;
     quarvel_video_output_rect_t r = last_rect_;
     r.x = static_cast<int32_t>(v[0]);
     r.y = static_cast<int32_t>(v[1]);
     r.w = static_cast<uint32_t>(v[2]);
     r.h = static_cast<uint32_t>(v[3]);
     if (!same_rect(r, last_rect_))
-        call_set_rect(c, h, r, 0);
+        call_set_rect(c, call.video, r, 0);
 }
 
 // ---- Audio calls ------------------------------------------------------------------------------
 
-StepResult Session::open_audio(const Command& c, const CallStep&) {
-    const char* fn = "quarvel_audio_output_open";
-    if (audio_) {
-        skipped(c, fn, "an audio output is already open");
-        return {};
-    }
+StepResult Session::open_audio(const Command& c, const Call& call) {
     const std::string& path = c.arg("path").text;
-    begin_call(c, std::string(fn) + "(\"" + path + "\")");
+    begin_call(c, std::string(call.fn) + "(\"" + path + "\")");
     audio_ = quarvel_audio_output_open(path.c_str());
     audio_run_++;
     // A failed open releases the handle with a line that has no newline of its own.
     if (!audio_)
         printf("\n");
-    end_call(c, fn, audio_ ? 0 : -1, c.expect(), audio_ ? "" : "(null)");
+    end_call(c, call.fn, audio_ ? 0 : -1, c.expect(), audio_ ? "" : "(null)");
     return {};
 }
 
-StepResult Session::set_up_audio(const Command& c, const CallStep&) {
-    const char* fn = "quarvel_audio_output_setup";
-    quarvel_audio_output_s* h;
-    if (!audio_handle(c, fn, &h))
-        return {};
+StepResult Session::set_up_audio(const Command& c, const Call& call) {
     quarvel_audio_output_setup_params_s p{};
     p.channels = static_cast<uint32_t>(c.num("channels", 2));
     p.sample_rate = static_cast<uint32_t>(c.num("rate", 48000));
-    begin_call(c, std::string(fn) + "(channels=" + std::to_string(p.channels) +
+    begin_call(c, std::string(call.fn) + "(channels=" + std::to_string(p.channels) +
                       " sample_rate=" + std::to_string(p.sample_rate) + ")");
-    const int res = quarvel_audio_output_setup(h, &p);
-    if (res == 0 && h)
+    const int res = quarvel_audio_output_setup(call.audio, &p);
+    if (res == 0 && call.audio)
         channels_ = p.channels;
-    end_call(c, fn, res, c.expect(), "");
+    end_call(c, call.fn, res, c.expect(), "");
     return {};
 }
 
-StepResult Session::start_audio(const Command& c, const CallStep&) {
-    call_audio(c, "quarvel_audio_output_start", quarvel_audio_output_start);
+StepResult Session::start_audio(const Command& c, const Call& call) {
+    call_audio(c, call, quarvel_audio_output_start);
     return {};
 }
 
 // Stopping drops what the decoder had: the delay samples after it are another run.
-StepResult Session::stop_audio(const Command& c, const CallStep&) {
-    if (call_audio(c, "quarvel_audio_output_stop", quarvel_audio_output_stop))
-        audio_run_++;
+StepResult Session::stop_audio(const Command& c, const Call& call) {
+    call_audio(c, call, quarvel_audio_output_stop);
+    audio_run_++;
     return {};
 }
 
-StepResult Session::set_sync_mode(const Command& c, const CallStep&) {
-    const char* fn = "quarvel_audio_output_set_sync_mode";
-    quarvel_audio_output_s* h;
-    if (!audio_handle(c, fn, &h))
-        return {};
+StepResult Session::set_sync_mode(const Command& c, const Call& call) {
     const uint32_t mode = static_cast<uint32_t>(c.num("mode", 0));
-    begin_call(c, std::string(fn) + "(" + std::to_string(mode) + ")");
+    begin_call(c, std::string(call.fn) + "(" + std::to_string(mode) + ")");
     const int res =
-        quarvel_audio_output_set_sync_mode(h, static_cast<quarvel_audio_output_sync_mode_t>(mode));
-    end_call(c, fn, res, c.expect(), "");
+        quarvel_audio_output_set_sync_mode(call.audio, static_cast<quarvel_audio_output_sync_mode_t>(mode));
+    end_call(c, call.fn, res, c.expect(), "");
     return {};
 }
 
 // One block of the line's size and header bytes. With a retry time, a no-space answer is
 // tried again later, up to the line's most retries.
-StepResult Session::push_audio(const Command& c, const CallStep& s) {
-    const char* fn = "quarvel_audio_output_push_data";
-    quarvel_audio_output_s* h;
-    if (!audio_handle(c, fn, &h))
-        return {};
+StepResult Session::push_audio(const Command& c, const Call& call) {
     const uint32_t size = static_cast<uint32_t>(c.num("size", 4096));
     const uint32_t extra = static_cast<uint32_t>(c.num("extra", 0));
-    const std::vector<unsigned char> data = audio_block(static_cast<size_t>(size) + extra, s.step);
-    begin_call(c,
-               std::string(fn) + "(size=" + std::to_string(size) + " extra=" + std::to_string(extra) + ")");
-    const int res = quarvel_audio_output_push_data(h, data.data(), size, extra);
+    const std::vector<unsigned char> data = audio_block(static_cast<size_t>(size) + extra, call.step);
+    begin_call(
+        c, std::string(call.fn) + "(size=" + std::to_string(size) + " extra=" + std::to_string(extra) + ")");
+    const int res = quarvel_audio_output_push_data(call.audio, data.data(), size, extra);
     if (res == -2 && c.has("retry") && c.expect() != -2)
-        return retry_after_no_space(c, fn, res, s.retries);
+        return retry_after_no_space(c, call, res);
     if (res == 0)
         count_audio_block(size, extra);
     else if (res == -2)
         no_space();
-    end_call(c, fn, res, c.expect(), "");
+    end_call(c, call.fn, res, c.expect(), "");
     return {};
 }
 
 // Every answer is a delay sample for the picture, of the current run.
-StepResult Session::report_audio_info(const Command& c, const CallStep&) {
-    const char* fn = "quarvel_audio_output_get_info";
-    quarvel_audio_output_s* h;
-    if (!audio_handle(c, fn, &h))
-        return {};
-    begin_call(c, std::string(fn) + "()");
+StepResult Session::report_audio_info(const Command& c, const Call& call) {
+    begin_call(c, std::string(call.fn) + "()");
     quarvel_audio_output_info_s info{};
-    const int res = quarvel_audio_output_get_info(h, &info);
+    const int res = quarvel_audio_output_get_info(call.audio, &info);
     std::string detail;
     if (res == 0) {
         char buf[160];
@@ -792,70 +766,59 @@ StepResult Session::report_audio_info(const Command& c, const CallStep&) {
         std::lock_guard<std::mutex> g(mu_);
         delays_.push_back(DelaySample{now_.load(), info.frames_delay, audio_run_});
     }
-    end_call(c, fn, res, c.expect(), detail);
+    end_call(c, call.fn, res, c.expect(), detail);
     return {};
 }
 
-StepResult Session::set_volume(const Command& c, const CallStep&) {
-    call_audio_level(c, "quarvel_audio_output_volume_control", quarvel_audio_output_volume_control);
+StepResult Session::set_volume(const Command& c, const Call& call) {
+    call_audio_level(c, call, quarvel_audio_output_volume_control);
     return {};
 }
 
-StepResult Session::set_speed(const Command& c, const CallStep&) {
-    call_audio_level(c, "quarvel_audio_output_speed_control", quarvel_audio_output_speed_control);
+StepResult Session::set_speed(const Command& c, const Call& call) {
+    call_audio_level(c, call, quarvel_audio_output_speed_control);
     return {};
 }
 
-StepResult Session::close_audio(const Command& c, const CallStep&) {
-    const char* fn = "quarvel_audio_output_close";
-    quarvel_audio_output_s* h;
-    if (!audio_handle(c, fn, &h))
-        return {};
-    begin_call(c, std::string(fn) + (h ? "()" : "(null)"));
-    quarvel_audio_output_close(h);
+StepResult Session::close_audio(const Command& c, const Call& call) {
+    begin_call(c, std::string(call.fn) + (call.audio ? "()" : "(null)"));
+    quarvel_audio_output_close(call.audio);
     audio_run_++;
-    if (h)
+    if (call.audio)
         audio_ = nullptr;
     // The library's release line carries no newline of its own.
     printf("\n");
-    end_call(c, fn, 0, c.expect(), "");
+    end_call(c, call.fn, 0, c.expect(), "");
     return {};
 }
 
 // ---- Audio call steps ---------------------------------------------------------------------
 
-// A call with nothing but the handle; false when it was skipped (no output open).
-bool Session::call_audio(const Command& c, const char* fn, AudioCall call) {
-    quarvel_audio_output_s* h;
-    if (!audio_handle(c, fn, &h))
-        return false;
-    begin_call(c, std::string(fn) + "()");
-    const int res = call(h);
-    end_call(c, fn, res, c.expect(), "");
-    return true;
+// A call with nothing but the handle.
+void Session::call_audio(const Command& c, const Call& call, AudioCall fn) {
+    begin_call(c, std::string(call.fn) + "()");
+    const int res = fn(call.audio);
+    end_call(c, call.fn, res, c.expect(), "");
 }
 
-void Session::call_audio_level(const Command& c, const char* fn, AudioLevelCall call) {
-    quarvel_audio_output_s* h;
-    if (!audio_handle(c, fn, &h))
-        return;
+void Session::call_audio_level(const Command& c, const Call& call, AudioLevelCall fn) {
     const float v = static_cast<float>(c.real("value", 1.0));
     char buf[64];
     snprintf(buf, sizeof(buf), "(%g)", static_cast<double>(v));
-    begin_call(c, std::string(fn) + buf);
-    const int res = call(h, v);
-    end_call(c, fn, res, c.expect(), "");
+    begin_call(c, std::string(call.fn) + buf);
+    const int res = fn(call.audio, v);
+    end_call(c, call.fn, res, c.expect(), "");
 }
 
 // A no-space answer on a line that retries: again after the retry time, or, past the most
 // retries, the answer stands against what the line expects.
-StepResult Session::retry_after_no_space(const Command& c, const char* fn, int res, int64_t retries) {
+StepResult Session::retry_after_no_space(const Command& c, const Call& call, int res) {
     no_space();
-    if (retries >= c.num("max-retries", 1000)) {
-        end_call(c, fn, res, c.expect(), "no space after " + std::to_string(retries) + " retries");
+    if (call.retries >= c.num("max-retries", 1000)) {
+        end_call(c, call.fn, res, c.expect(), "no space after " + std::to_string(call.retries) + " retries");
         return {};
     }
-    end_call(c, fn, res, res, "no space, retry in " + format_ms(c.num("retry", 0)) + " ms");
+    end_call(c, call.fn, res, res, "no space, retry in " + format_ms(c.num("retry", 0)) + " ms");
     StepResult sr;
     sr.retry = true;
     sr.retry_us = c.num("retry", 0);
