@@ -154,6 +154,11 @@ class Session {
   private:
     // Scheduling
     void run_line_step(TrackRun& t);
+    void next_line(TrackRun& t, int64_t due);
+    void run_plain_line(const Command& c, TrackRun& t);
+    void set_env(const Command& c);
+    void unset_env(const Command& c);
+    void run_call_step(const Command& c, TrackRun& t);
     int64_t line_every(const Command& c) const;
 
     // Library calls: one handler a call, found in a table by the line's command.
@@ -279,43 +284,57 @@ int64_t Session::line_every(const Command& c) const {
 
 void Session::run_line_step(TrackRun& t) {
     const Command& c = *t.lines[t.pc];
+    if (c.is_call())
+        run_call_step(c, t);
+    else
+        run_plain_line(c, t);
+}
+
+// The track goes on to its next line, due at `due` or now, whichever is later.
+void Session::next_line(TrackRun& t, int64_t due) {
+    t.pc++;
+    t.in_line = false;
+    t.due = std::max(now_.load(), due);
+}
+
+// Lines that make no library call: the track's timing, the environment, the platform.
+void Session::run_plain_line(const Command& c, TrackRun& t) {
     const int64_t now = now_.load();
-    auto next_line = [&](int64_t due) {
-        t.pc++;
-        t.in_line = false;
-        t.due = std::max(now_.load(), due);
-    };
-    switch (c.cmd) {
-        case Cmd::Track:
-            next_line(now);
-            return;
-        case Cmd::At:
-            next_line(c.num("ms", 0));
-            return;
-        case Cmd::Wait:
-            next_line(now + c.num("ms", 0));
-            return;
-        case Cmd::EnvSet:
-            if (opt_.calls)
-                printf("env: t=%s %s=%s\n", format_ms(now).c_str(), c.arg("name").text.c_str(),
-                       c.arg("value").text.c_str());
-            setenv(c.arg("name").text.c_str(), c.arg("value").text.c_str(), 1);
-            next_line(now);
-            return;
-        case Cmd::EnvUnset:
-            if (opt_.calls)
-                printf("env: t=%s unset %s\n", format_ms(now).c_str(), c.arg("name").text.c_str());
-            unsetenv(c.arg("name").text.c_str());
-            next_line(now);
-            return;
-        default:
-            break;
-    }
-    if (!c.is_call()) {
-        execute_platform(c);
-        next_line(now);
+    if (c.cmd == Cmd::At) {
+        next_line(t, c.num("ms", 0));
         return;
     }
+    if (c.cmd == Cmd::Wait) {
+        next_line(t, now + c.num("ms", 0));
+        return;
+    }
+    if (c.cmd == Cmd::EnvSet)
+        set_env(c);
+    else if (c.cmd == Cmd::EnvUnset)
+        unset_env(c);
+    else if (c.cmd != Cmd::Track)
+        execute_platform(c);
+    next_line(t, now);
+}
+
+void Session::set_env(const Command& c) {
+    if (opt_.calls)
+        printf("env: t=%s %s=%s\n", format_ms(now_.load()).c_str(), c.arg("name").text.c_str(),
+               c.arg("value").text.c_str());
+    setenv(c.arg("name").text.c_str(), c.arg("value").text.c_str(), 1);
+}
+
+void Session::unset_env(const Command& c) {
+    if (opt_.calls)
+        printf("env: t=%s unset %s\n", format_ms(now_.load()).c_str(), c.arg("name").text.c_str());
+    unsetenv(c.arg("name").text.c_str());
+}
+
+// One call of a line of `count` calls, `every` apart from the line's start (or one after
+// the other); a call that asks to be retried is made again later as the same step. After
+// the last call the track goes on when the line's time is up.
+void Session::run_call_step(const Command& c, TrackRun& t) {
+    const int64_t now = now_.load();
     if (!t.in_line) {
         t.in_line = true;
         t.start = now;
@@ -335,7 +354,7 @@ void Session::run_line_step(TrackRun& t) {
         t.due = std::max(now_.load(), t.start + t.step * t.every);
         return;
     }
-    next_line(t.every > 0 ? t.start + c.count() * t.every : now_.load());
+    next_line(t, t.every > 0 ? t.start + c.count() * t.every : now_.load());
 }
 
 void Session::begin_call(const Command& c, const std::string& what) {
