@@ -1,11 +1,9 @@
 // The TV session player: scheduler, library calls, emulated platform, trace, summary.
 #include "player.h"
 
-#include <errno.h>
 #include <inttypes.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 
 #include <algorithm>
 #include <array>
