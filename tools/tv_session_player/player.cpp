@@ -175,8 +175,8 @@ class Session {
     void end_call(const Command& c, const char* fn, int64_t result, int64_t expected,
                   const std::string& detail);
     void skipped(const Command& c, const char* fn, const std::string& why);
-    bool video_handle(const Command& c, const char* fn, quarvel_video_output_s** out);
-    bool audio_handle(const Command& c, const char* fn, quarvel_audio_output_s** out);
+    template <typename Output>
+    bool open_output(const Command& c, const char* fn, Output* open, const char* none, Output** out);
 
     // Video calls
     StepResult open_video(const Command& c, const Call& call);
@@ -389,29 +389,19 @@ void Session::skipped(const Command& c, const char* fn, const std::string& why) 
     fprintf(stderr, "%s: %s not called: %s\n", c.where().c_str(), fn, why.c_str());
 }
 
-bool Session::video_handle(const Command& c, const char* fn, quarvel_video_output_s** out) {
+// The output a call is made on: the open one, or null for a line with handle=null. False,
+// the call reported as skipped, when none is open.
+template <typename Output>
+bool Session::open_output(const Command& c, const char* fn, Output* open, const char* none, Output** out) {
     if (c.null_handle()) {
         *out = nullptr;
         return true;
     }
-    if (!video_) {
-        skipped(c, fn, "no video output is open");
+    if (!open) {
+        skipped(c, fn, none);
         return false;
     }
-    *out = video_;
-    return true;
-}
-
-bool Session::audio_handle(const Command& c, const char* fn, quarvel_audio_output_s** out) {
-    if (c.null_handle()) {
-        *out = nullptr;
-        return true;
-    }
-    if (!audio_) {
-        skipped(c, fn, "no audio output is open");
-        return false;
-    }
-    *out = audio_;
+    *out = open;
     return true;
 }
 
@@ -497,9 +487,9 @@ bool Session::take_handle(const Command& c, Needs needs, Call* call) {
         return false;
     }
     if (needs == Needs::Video)
-        return video_handle(c, call->fn, &call->video);
+        return open_output(c, call->fn, video_, "no video output is open", &call->video);
     if (needs == Needs::Audio)
-        return audio_handle(c, call->fn, &call->audio);
+        return open_output(c, call->fn, audio_, "no audio output is open", &call->audio);
     return true;
 }
 
