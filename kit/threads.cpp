@@ -5,6 +5,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <thread>
+
 namespace ruvo_kit {
 
 int thread_count() {
@@ -23,6 +25,18 @@ int thread_count() {
     }
     close(fd);
     return n;
+}
+
+bool wait_for_threads_to_end(int baseline, std::chrono::milliseconds limit) {
+    if (baseline < 0)
+        return false;
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (thread_count() > baseline) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
 }
 
 }  // namespace ruvo_kit

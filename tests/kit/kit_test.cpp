@@ -1,5 +1,5 @@
-// The shared kit: what each frame descriptor builder step writes, byte for byte, and the
-// thread count.
+// The shared kit: what each frame descriptor builder step writes, byte for byte; the thread
+// count and the wait for threads to end.
 #include <string.h>
 
 #include <chrono>
@@ -78,28 +78,58 @@ TEST(FrameDescriptor, a_decoded_yuv420_frame_is_shown_finished_with_its_row_leng
     EXPECT_TRUE(same_bytes(ruvo_kit::FrameDescriptor(1920, 1080).decoded_yuv420(960), expected));
 }
 
+// A thread that waits until it is let go.
+class ParkedThread {
+  public:
+    ParkedThread()
+        : thread_([this] {
+              std::unique_lock<std::mutex> lock(m_);
+              cv_.wait(lock, [this] { return released_; });
+          }) {}
+    ~ParkedThread() { let_go(); }
+
+    // Lets the thread end and joins it.
+    void let_go() {
+        if (!thread_.joinable())
+            return;
+        {
+            std::lock_guard<std::mutex> lock(m_);
+            released_ = true;
+        }
+        cv_.notify_one();
+        thread_.join();
+    }
+
+  private:
+    std::mutex m_;
+    std::condition_variable cv_;
+    bool released_ = false;
+    std::thread thread_;
+};
+
 TEST(ThreadCount, counts_a_thread_while_it_runs) {
     const int before = ruvo_kit::thread_count();
     ASSERT_GE(before, 1);
-    std::mutex m;
-    std::condition_variable cv;
-    bool release = false;
-    std::thread t([&] {
-        std::unique_lock<std::mutex> lock(m);
-        cv.wait(lock, [&] { return release; });
-    });
+    ParkedThread t;
     EXPECT_EQ(ruvo_kit::thread_count(), before + 1);
-    {
-        std::lock_guard<std::mutex> lock(m);
-        release = true;
-    }
-    cv.notify_one();
-    t.join();
+    t.let_go();
     // The kernel drops the joined thread's entry a moment after the join returns.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (ruvo_kit::thread_count() > before && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_TRUE(ruvo_kit::wait_for_threads_to_end(before, std::chrono::seconds(10)));
     EXPECT_EQ(ruvo_kit::thread_count(), before);
+}
+
+// A thread that goes on running is still counted when the wait gives up.
+TEST(ThreadCount, wait_gives_up_while_a_thread_runs) {
+    const int before = ruvo_kit::thread_count();
+    ParkedThread t;
+    EXPECT_FALSE(ruvo_kit::wait_for_threads_to_end(before, std::chrono::milliseconds(20)));
+    EXPECT_EQ(ruvo_kit::thread_count(), before + 1);
+}
+
+// A count that could not be read is no baseline: no wait at all (an hour would time out
+// the test).
+TEST(ThreadCount, wait_without_a_baseline_returns_at_once) {
+    EXPECT_FALSE(ruvo_kit::wait_for_threads_to_end(-1, std::chrono::hours(1)));
 }
 
 }  // namespace

@@ -203,6 +203,89 @@ TEST_F(PlayerTest, ACallWithoutItsOutputIsSkippedAndCountsAsUnexpected) {
                         ":3: quarvel_video_output_set_rect not called: no video output is open\n");
 }
 
+// Opening an output that is open, and a call on an output that is not, are skipped: no
+// call line and no call counted, a skip line and the line named on stderr.
+TEST_F(PlayerTest, OpeningAnOpenOutputAgainOrCallingAClosedOneIsSkipped) {
+    std::string path = scenario(
+        "platform compr-device /dev/snd/comprC0D0\nvideo open\nvideo open\naudio open /dev/snd/comprC0D0\n"
+        "audio open /dev/snd/comprC0D0\naudio close\naudio info\nvideo close\n");
+    EXPECT_EQ(play({"--no-svg", "--no-trace", path}), tvsp::kExitMismatch);
+    EXPECT_EQ(err_, path + ":3: quarvel_video_output_open not called: a video output is already open\n" +
+                        path + ":5: quarvel_audio_output_open not called: an audio output is already open\n" +
+                        path + ":7: quarvel_audio_output_get_info not called: no audio output is open\n");
+    EXPECT_TRUE(
+        has_line("result: t=0 quarvel_video_output_open skipped: a video output is already open UNEXPECTED"));
+    EXPECT_TRUE(has_line(
+        "result: t=0 quarvel_audio_output_open skipped: an audio output is already open UNEXPECTED"));
+    EXPECT_TRUE(
+        has_line("result: t=0 quarvel_audio_output_get_info skipped: no audio output is open UNEXPECTED"));
+    EXPECT_EQ(lines("call:").size(), 4u);
+    EXPECT_NE(out_.find(", 4 library calls, 3 unexpected\n"), std::string::npos) << out_;
+}
+
+// Each call line calls its own function of the library, in the order of the lines: its
+// call line names the function, and what happens up to its result line is that
+// function's own (a line of the library or a driver request no other call makes here).
+TEST_F(PlayerTest, EveryCallLineCallsItsOwnFunction) {
+    std::string path = scenario(
+        "platform compr-device /dev/snd/comprC0D0\n"
+        "video open\nvideo panel\nvideo rect 0 0 1920 1080\nvideo hide\nvideo show\nvideo first-frame\n"
+        "video frame\nvideo next-res size=1280x720\nvideo vsync\nvideo used\nvideo pts 5\nvideo notify-ta\n"
+        "video close\naudio open /dev/snd/comprC0D0\naudio setup 2 48000\naudio sync-mode 0\naudio start\n"
+        "audio push 4096\naudio info\naudio volume 0.5\naudio speed 1.5\naudio stop\naudio close\n");
+    EXPECT_EQ(play({"--no-svg", path}), tvsp::kExitOk) << err_;
+    struct Expected {
+        const char* fn;
+        const char* own;  // empty: the call makes no driver request
+    };
+    const std::vector<Expected> expected = {
+        {"quarvel_video_output_open", "DRM_IOCTL_MODE_GETRESOURCES"},
+        {"quarvel_video_output_get_panel_size", "quarvel_video_output_get_panel_size(208)"},
+        {"quarvel_video_output_set_rect", "set_rect(99) x(0) y(0) w(1920) h(1080)"},
+        {"quarvel_video_output_set_rect", "set_rect(99) x(0) y(0) w(0) h(1080)"},
+        {"quarvel_video_output_set_rect", "set_rect(99) x(0) y(0) w(1920) h(1080)"},
+        {"quarvel_video_output_init_with_first_frame", "FR2IP_SetDispQueueSize"},
+        {"quarvel_video_output_push_frame_to_display", "display_index=2 hres=1920"},
+        {"quarvel_video_output_set_next_res", "FR2IP_SetNextResolution"},
+        {"quarvel_video_output_get_vsync_info", "FR2IP_GetVsyncHZ"},
+        {"quarvel_video_output_get_used_frames", "FR2IP_GetDirectlyFrames"},
+        {"quarvel_video_output_set_pts", "FR2IP_SetPTS"},
+        {"quarvel_video_output_notify_ta_switch", "notify_ta_switch(85) not TA case"},
+        {"quarvel_video_output_close", "DRM_IOCTL_MODE_RMFB"},
+        {"quarvel_audio_output_open", "comprC0D0 open"},
+        {"quarvel_audio_output_setup", "SNDRV_COMPRESS_SET_PARAMS"},
+        {"quarvel_audio_output_set_sync_mode", "key=20 value=7"},
+        {"quarvel_audio_output_start", ""},
+        {"quarvel_audio_output_push_data", "SNDRV_COMPRESS_START"},
+        {"quarvel_audio_output_get_info", "SNDRV_COMPRESS_TSTAMP"},
+        {"quarvel_audio_output_volume_control", "name=\"qvl speaker main gain\""},
+        {"quarvel_audio_output_speed_control", "name=\"audio dec0 playback rate\""},
+        {"quarvel_audio_output_stop", "SNDRV_COMPRESS_STOP"},
+        {"quarvel_audio_output_close", "comprC0D0 close"},
+    };
+    static const std::regex call_line(R"(^call: t=\S+ \S+:\d+ (\w+)\(.*$)");
+    std::vector<std::string> segments;  // each call's lines, up to its result line
+    std::vector<std::string> called;
+    for (const auto& l : split(out_)) {
+        std::smatch m;
+        if (std::regex_match(l, m, call_line)) {
+            called.push_back(m[1]);
+            segments.emplace_back();
+        } else if (!segments.empty()) {
+            segments.back() += l + "\n";
+        }
+    }
+    ASSERT_EQ(called.size(), expected.size()) << out_;
+    for (size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(called[i], expected[i].fn) << "call " << i;
+        if (*expected[i].own)
+            EXPECT_NE(segments[i].find(expected[i].own), std::string::npos) << called[i] << ":\n"
+                                                                            << segments[i];
+        else
+            EXPECT_EQ(segments[i].find("trace:"), std::string::npos) << called[i] << ":\n" << segments[i];
+    }
+}
+
 TEST_F(PlayerTest, OpenExpectedToFailPasses) {
     std::string path = scenario("platform absent /dev/kdolby\nvideo open expect=-1\n");
     EXPECT_EQ(play({"--no-svg", path}), tvsp::kExitOk);

@@ -1,17 +1,14 @@
 // The TV session player: scheduler, library calls, emulated platform, trace, summary.
 #include "player.h"
 
-#include <dirent.h>
-#include <errno.h>
 #include <inttypes.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
-#include <time.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -22,6 +19,8 @@
 #include "emutv/timeline.h"
 #include "ruvo/quarvel_audio_output.h"
 #include "ruvo/quarvel_video_output.h"
+#include "ruvo_kit/frame_descriptor.h"
+#include "ruvo_kit/threads.h"
 #include "svg.h"
 
 namespace tvsp {
@@ -53,28 +52,14 @@ void apply_format(const Command& c, FrameFormat* f) {
     f->linesize = static_cast<uint32_t>(c.num("linesize", f->linesize));
 }
 
-v4l2_drm make_descriptor(const FrameFormat& f, uint32_t index) {
-    v4l2_drm d;
-    memset(&d, 0, sizeof(d));
-    d.inputport = static_cast<v4l2_drm_inputport_type>(f.port);
-    v4l2_drm_dec_info& di = d.u.dec_info;
-    di.aspectratio = static_cast<v4l2_aspectratio_type>(f.aspect);
-    di.hres = f.w;
-    di.vres = f.h;
-    di.effective_hres = f.w;
-    di.effective_vres = f.h;
-    di.framerate = f.framerate;
-    di.bpp = 8;
-    di.pFrame[0].display_index = index;
-    di.pFrame[0].showframe = 1;
-    di.pFrame[0].width = f.w;
-    di.pFrame[0].height = f.h;
-    di.pFrame[0].y_linesize = f.w;
-    di.pFrame[0].u_linesize = f.w;
-    di.pFrame[0].v_linesize = f.linesize;
-    di.pFrame[0].colorformat = V4L2_DRM_COLORFORMAT_YUV420;
-    di.pFrame[0].framedone = 1;
-    return d;
+// The decoder's descriptor of one finished frame of the stream.
+v4l2_drm frame_descriptor(const FrameFormat& f, uint32_t index) {
+    return ruvo_kit::FrameDescriptor(f.w, f.h)
+        .inputport(f.port)
+        .aspect(f.aspect)
+        .framerate(f.framerate)
+        .display_index(index)
+        .decoded_yuv420(f.linesize);
 }
 
 std::string frame_text(const FrameFormat& f, uint32_t index) {
@@ -94,27 +79,27 @@ bool same_rect(const quarvel_video_output_rect_t& a, const quarvel_video_output_
     return a.x == b.x && a.y == b.y && a.w == b.w && a.h == b.h && a.dar_w == b.dar_w && a.dar_h == b.dar_h;
 }
 
-int thread_count() {
-    DIR* d = opendir("/proc/self/task");
-    if (!d)
-        return -1;
-    int n = 0;
-    while (struct dirent* e = readdir(d))
-        if (e->d_name[0] != '.')
-            ++n;
-    closedir(d);
-    return n;
+// What the open call found: the panel, the connector, the CRTC and the video plane.
+std::string output_text(const quarvel_video_output_s& v) {
+    char buf[160];
+    snprintf(buf, sizeof(buf), "panel=%dx%d connector=%u crtc=%u video plane=%d", v.m_panel_width,
+             v.m_panel_height, v.m_con_id, v.m_crtc_id,
+             v.m_plane_type < 11 ? v.m_plane_obj_id[v.m_plane_type] : -1);
+    return buf;
 }
 
-// The library's broadcast switch mutes audio from a detached thread of its own. Waiting
-// for that thread to end keeps the order of the printed lines the same from run to run.
-void wait_for_threads(int baseline) {
-    if (baseline < 0)
-        return;
-    for (int i = 0; i < 5000 && thread_count() > baseline; ++i) {
-        struct timespec ts = {0, 1000000};
-        nanosleep(&ts, nullptr);
-    }
+// The preloaded broadcast library as the environment names it.
+std::string preload_text() {
+    const char* env = getenv("TA_DTV_PRELOAD");
+    return std::string("TA_DTV_PRELOAD=") + (env ? "\"" + std::string(env) + "\"" : "unset");
+}
+
+// The bytes of one audio block: a pattern that changes from one block of a line to the next.
+std::vector<unsigned char> audio_block(size_t n, int64_t step) {
+    std::vector<unsigned char> data(n);
+    for (size_t i = 0; i < n; ++i)
+        data[i] = static_cast<unsigned char>(i * 7u + step);
+    return data;
 }
 
 // What the driver was last told about the main plane.
@@ -141,6 +126,23 @@ struct StepResult {
     int64_t retry_us = 0;
 };
 
+// What a library call needs before it is made.
+enum class Needs {
+    NoVideo,  // no video output open: the call opens one
+    Video,    // the open video output (null for a line with handle=null)
+    NoAudio,  // no audio output open: the call opens one
+    Audio,    // the open audio output (null for a line with handle=null)
+};
+
+// One call of a line, with the handle it is made on.
+struct Call {
+    const char* fn = nullptr;                 // the library function, as printed
+    int64_t step = 0;                         // which of the line's calls, from 0
+    int64_t retries = 0;                      // how often this call was tried again
+    quarvel_video_output_s* video = nullptr;  // Needs::Video
+    quarvel_audio_output_s* audio = nullptr;  // Needs::Audio
+};
+
 class Session {
   public:
     Session(const Scenario& sc, const PlayerOptions& opt) : sc_(sc), opt_(opt) {}
@@ -150,19 +152,78 @@ class Session {
   private:
     // Scheduling
     void run_line_step(TrackRun& t);
+    void next_line(TrackRun& t, int64_t due);
+    void run_plain_line(const Command& c, TrackRun& t);
+    void set_env(const Command& c);
+    void unset_env(const Command& c);
+    void run_call_step(const Command& c, TrackRun& t);
     int64_t line_every(const Command& c) const;
 
-    // Library calls
+    // Library calls: one handler a call, found in a table by the line's command.
+    using CallHandler = StepResult (Session::*)(const Command& c, const Call& call);
+    struct CallDef {
+        Cmd cmd;
+        const char* fn;
+        Needs needs;
+        CallHandler run;
+    };
+    static const CallDef* call_def(Cmd cmd);
     StepResult execute_call(const Command& c, int64_t step, int64_t retries);
+    bool take_handle(const Command& c, Needs needs, Call* call);
     void execute_platform(const Command& c);
     void begin_call(const Command& c, const std::string& what);
     void end_call(const Command& c, const char* fn, int64_t result, int64_t expected,
                   const std::string& detail);
     void skipped(const Command& c, const char* fn, const std::string& why);
-    bool video_handle(const Command& c, const char* fn, quarvel_video_output_s** out);
-    bool audio_handle(const Command& c, const char* fn, quarvel_audio_output_s** out);
+    template <typename Output>
+    bool open_output(const Command& c, const char* fn, Output* open, const char* none, Output** out);
+
+    // Video calls
+    StepResult open_video(const Command& c, const Call& call);
+    StepResult close_video(const Command& c, const Call& call);
+    StepResult report_panel_size(const Command& c, const Call& call);
+    StepResult place_video(const Command& c, const Call& call);
+    StepResult hide_video(const Command& c, const Call& call);
+    StepResult show_video(const Command& c, const Call& call);
+    StepResult start_with_first_frame(const Command& c, const Call& call);
+    StepResult push_frame(const Command& c, const Call& call);
+    StepResult announce_next_resolution(const Command& c, const Call& call);
+    StepResult report_vsync(const Command& c, const Call& call);
+    StepResult report_used_frames(const Command& c, const Call& call);
+    StepResult set_pts(const Command& c, const Call& call);
+    StepResult notify_ta_switch(const Command& c, const Call& call);
+
+    // Video call steps
+    using FrameCall = int (*)(quarvel_video_output_s* output, quarvel_video_output_frame_s const* frame);
     void call_set_rect(const Command& c, quarvel_video_output_s* h, const quarvel_video_output_rect_t& r,
                        int64_t expected);
+    void call_set_pts(const Command& c, quarvel_video_output_s* h, long long pts, int64_t expected);
+    uint32_t frame_index(const Command& c, int64_t step);
+    int call_with_frame(const Command& c, const Call& call, FrameCall fn, const FrameFormat& f,
+                        uint32_t index);
+    int push_null_frame(const Command& c, const Call& call);
+    int push_decoded_frame(const Command& c, const Call& call);
+    void move_window(const Command& c, const Call& call);
+
+    // Audio calls
+    StepResult open_audio(const Command& c, const Call& call);
+    StepResult set_up_audio(const Command& c, const Call& call);
+    StepResult start_audio(const Command& c, const Call& call);
+    StepResult stop_audio(const Command& c, const Call& call);
+    StepResult set_sync_mode(const Command& c, const Call& call);
+    StepResult push_audio(const Command& c, const Call& call);
+    StepResult report_audio_info(const Command& c, const Call& call);
+    StepResult set_volume(const Command& c, const Call& call);
+    StepResult set_speed(const Command& c, const Call& call);
+    StepResult close_audio(const Command& c, const Call& call);
+
+    // Audio call steps
+    using AudioCall = int (*)(quarvel_audio_output_s* output);
+    using AudioLevelCall = int (*)(quarvel_audio_output_s* output, float value);
+    void call_audio(const Command& c, const Call& call, AudioCall fn);
+    void call_audio_level(const Command& c, const Call& call, AudioLevelCall fn);
+    StepResult retry_after_no_space(const Command& c, const Call& call, int res);
+    void count_audio_block(uint32_t size, uint32_t extra);
 
     // Requests
     void on_event(const emutv::Event& e);
@@ -221,43 +282,57 @@ int64_t Session::line_every(const Command& c) const {
 
 void Session::run_line_step(TrackRun& t) {
     const Command& c = *t.lines[t.pc];
+    if (c.is_call())
+        run_call_step(c, t);
+    else
+        run_plain_line(c, t);
+}
+
+// The track goes on to its next line, due at `due` or now, whichever is later.
+void Session::next_line(TrackRun& t, int64_t due) {
+    t.pc++;
+    t.in_line = false;
+    t.due = std::max(now_.load(), due);
+}
+
+// Lines that make no library call: the track's timing, the environment, the platform.
+void Session::run_plain_line(const Command& c, TrackRun& t) {
     const int64_t now = now_.load();
-    auto next_line = [&](int64_t due) {
-        t.pc++;
-        t.in_line = false;
-        t.due = std::max(now_.load(), due);
-    };
-    switch (c.cmd) {
-        case Cmd::Track:
-            next_line(now);
-            return;
-        case Cmd::At:
-            next_line(c.num("ms", 0));
-            return;
-        case Cmd::Wait:
-            next_line(now + c.num("ms", 0));
-            return;
-        case Cmd::EnvSet:
-            if (opt_.calls)
-                printf("env: t=%s %s=%s\n", format_ms(now).c_str(), c.arg("name").text.c_str(),
-                       c.arg("value").text.c_str());
-            setenv(c.arg("name").text.c_str(), c.arg("value").text.c_str(), 1);
-            next_line(now);
-            return;
-        case Cmd::EnvUnset:
-            if (opt_.calls)
-                printf("env: t=%s unset %s\n", format_ms(now).c_str(), c.arg("name").text.c_str());
-            unsetenv(c.arg("name").text.c_str());
-            next_line(now);
-            return;
-        default:
-            break;
-    }
-    if (!c.is_call()) {
-        execute_platform(c);
-        next_line(now);
+    if (c.cmd == Cmd::At) {
+        next_line(t, c.num("ms", 0));
         return;
     }
+    if (c.cmd == Cmd::Wait) {
+        next_line(t, now + c.num("ms", 0));
+        return;
+    }
+    if (c.cmd == Cmd::EnvSet)
+        set_env(c);
+    else if (c.cmd == Cmd::EnvUnset)
+        unset_env(c);
+    else if (c.cmd != Cmd::Track)
+        execute_platform(c);
+    next_line(t, now);
+}
+
+void Session::set_env(const Command& c) {
+    if (opt_.calls)
+        printf("env: t=%s %s=%s\n", format_ms(now_.load()).c_str(), c.arg("name").text.c_str(),
+               c.arg("value").text.c_str());
+    setenv(c.arg("name").text.c_str(), c.arg("value").text.c_str(), 1);
+}
+
+void Session::unset_env(const Command& c) {
+    if (opt_.calls)
+        printf("env: t=%s unset %s\n", format_ms(now_.load()).c_str(), c.arg("name").text.c_str());
+    unsetenv(c.arg("name").text.c_str());
+}
+
+// One call of a line of `count` calls, `every` apart from the line's start (or one after
+// the other); a call that asks to be retried is made again later as the same step. After
+// the last call the track goes on when the line's time is up.
+void Session::run_call_step(const Command& c, TrackRun& t) {
+    const int64_t now = now_.load();
     if (!t.in_line) {
         t.in_line = true;
         t.start = now;
@@ -277,7 +352,7 @@ void Session::run_line_step(TrackRun& t) {
         t.due = std::max(now_.load(), t.start + t.step * t.every);
         return;
     }
-    next_line(t.every > 0 ? t.start + c.count() * t.every : now_.load());
+    next_line(t, t.every > 0 ? t.start + c.count() * t.every : now_.load());
 }
 
 void Session::begin_call(const Command& c, const std::string& what) {
@@ -314,29 +389,19 @@ void Session::skipped(const Command& c, const char* fn, const std::string& why) 
     fprintf(stderr, "%s: %s not called: %s\n", c.where().c_str(), fn, why.c_str());
 }
 
-bool Session::video_handle(const Command& c, const char* fn, quarvel_video_output_s** out) {
+// The output a call is made on: the open one, or null for a line with handle=null. False,
+// the call reported as skipped, when none is open.
+template <typename Output>
+bool Session::open_output(const Command& c, const char* fn, Output* open, const char* none, Output** out) {
     if (c.null_handle()) {
         *out = nullptr;
         return true;
     }
-    if (!video_) {
-        skipped(c, fn, "no video output is open");
+    if (!open) {
+        skipped(c, fn, none);
         return false;
     }
-    *out = video_;
-    return true;
-}
-
-bool Session::audio_handle(const Command& c, const char* fn, quarvel_audio_output_s** out) {
-    if (c.null_handle()) {
-        *out = nullptr;
-        return true;
-    }
-    if (!audio_) {
-        skipped(c, fn, "no audio output is open");
-        return false;
-    }
-    *out = audio_;
+    *out = open;
     return true;
 }
 
@@ -353,381 +418,426 @@ void Session::call_set_rect(const Command& c, quarvel_video_output_s* h, const q
     end_call(c, fn, res, expected, "");
 }
 
+// ---- Library calls: one handler a call, looked up by the line's command ----------------------
+
+const Session::CallDef* Session::call_def(Cmd cmd) {
+    // In the order of Cmd, from its first call to its last.
+    static constexpr CallDef kCalls[] = {
+        {Cmd::VideoOpen, "quarvel_video_output_open", Needs::NoVideo, &Session::open_video},
+        {Cmd::VideoClose, "quarvel_video_output_close", Needs::Video, &Session::close_video},
+        {Cmd::VideoPanel, "quarvel_video_output_get_panel_size", Needs::Video, &Session::report_panel_size},
+        {Cmd::VideoRect, "quarvel_video_output_set_rect", Needs::Video, &Session::place_video},
+        {Cmd::VideoHide, "quarvel_video_output_set_rect", Needs::Video, &Session::hide_video},
+        {Cmd::VideoShow, "quarvel_video_output_set_rect", Needs::Video, &Session::show_video},
+        {Cmd::VideoFirstFrame, "quarvel_video_output_init_with_first_frame", Needs::Video,
+         &Session::start_with_first_frame},
+        {Cmd::VideoFrame, "quarvel_video_output_push_frame_to_display", Needs::Video, &Session::push_frame},
+        {Cmd::VideoNextRes, "quarvel_video_output_set_next_res", Needs::Video,
+         &Session::announce_next_resolution},
+        {Cmd::VideoVsync, "quarvel_video_output_get_vsync_info", Needs::Video, &Session::report_vsync},
+        {Cmd::VideoUsed, "quarvel_video_output_get_used_frames", Needs::Video, &Session::report_used_frames},
+        {Cmd::VideoPts, "quarvel_video_output_set_pts", Needs::Video, &Session::set_pts},
+        {Cmd::VideoNotifyTa, "quarvel_video_output_notify_ta_switch", Needs::Video,
+         &Session::notify_ta_switch},
+        {Cmd::AudioOpen, "quarvel_audio_output_open", Needs::NoAudio, &Session::open_audio},
+        {Cmd::AudioSetup, "quarvel_audio_output_setup", Needs::Audio, &Session::set_up_audio},
+        {Cmd::AudioStart, "quarvel_audio_output_start", Needs::Audio, &Session::start_audio},
+        {Cmd::AudioStop, "quarvel_audio_output_stop", Needs::Audio, &Session::stop_audio},
+        {Cmd::AudioSyncMode, "quarvel_audio_output_set_sync_mode", Needs::Audio, &Session::set_sync_mode},
+        {Cmd::AudioPush, "quarvel_audio_output_push_data", Needs::Audio, &Session::push_audio},
+        {Cmd::AudioInfo, "quarvel_audio_output_get_info", Needs::Audio, &Session::report_audio_info},
+        {Cmd::AudioVolume, "quarvel_audio_output_volume_control", Needs::Audio, &Session::set_volume},
+        {Cmd::AudioSpeed, "quarvel_audio_output_speed_control", Needs::Audio, &Session::set_speed},
+        {Cmd::AudioClose, "quarvel_audio_output_close", Needs::Audio, &Session::close_audio},
+    };
+    constexpr size_t kFirst = static_cast<size_t>(Cmd::VideoOpen);
+    constexpr size_t kCount = sizeof(kCalls) / sizeof(kCalls[0]);
+    static_assert(kFirst + kCount == static_cast<size_t>(Cmd::AudioClose) + 1, "a call without a handler");
+    static_assert(
+        [] {
+            for (size_t i = 0; i < kCount; ++i)
+                if (static_cast<size_t>(kCalls[i].cmd) != kFirst + i)
+                    return false;
+            return true;
+        }(),
+        "the handlers are out of the order of Cmd");
+    const size_t at = static_cast<size_t>(cmd);
+    return at >= kFirst && at < kFirst + kCount ? &kCalls[at - kFirst] : nullptr;
+}
+
 StepResult Session::execute_call(const Command& c, int64_t step, int64_t retries) {
-    StepResult sr;
-    const int64_t expected = c.expect();
-    switch (c.cmd) {
-        case Cmd::VideoOpen: {
-            const char* fn = "quarvel_video_output_open";
-            if (video_) {
-                skipped(c, fn, "a video output is already open");
-                break;
-            }
-            bool ta = c.num("ta", 0) != 0;
-            begin_call(c, std::string(fn) + (ta ? "(bTaCase=true)" : "(bTaCase=false)"));
-            video_ = quarvel_video_output_open(ta);
-            std::string detail;
-            if (video_) {
-                panel_w_ = video_->m_panel_width;
-                panel_h_ = video_->m_panel_height;
-                char buf[160];
-                snprintf(buf, sizeof(buf), "panel=%dx%d connector=%u crtc=%u video plane=%d",
-                         video_->m_panel_width, video_->m_panel_height, video_->m_con_id, video_->m_crtc_id,
-                         video_->m_plane_type < 11 ? video_->m_plane_obj_id[video_->m_plane_type] : -1);
-                detail = buf;
-            } else {
-                detail = "(null)";
-            }
-            end_call(c, fn, video_ ? 0 : -1, expected, detail);
-            break;
-        }
-        case Cmd::VideoClose: {
-            const char* fn = "quarvel_video_output_close";
-            quarvel_video_output_s* h;
-            if (!video_handle(c, fn, &h))
-                break;
-            begin_call(c, std::string(fn) + (h ? "()" : "(null)"));
-            quarvel_video_output_close(h);
-            if (h)
-                video_ = nullptr;
-            end_call(c, fn, 0, expected, "");
-            break;
-        }
-        case Cmd::VideoPanel: {
-            const char* fn = "quarvel_video_output_get_panel_size";
-            quarvel_video_output_s* h;
-            if (!video_handle(c, fn, &h))
-                break;
-            begin_call(c, std::string(fn) + "()");
-            int w = -1, hh = -1;
-            quarvel_video_output_get_panel_size(h, &w, &hh);
-            end_call(c, fn, 0, expected, "w=" + std::to_string(w) + " h=" + std::to_string(hh));
-            break;
-        }
-        case Cmd::VideoRect:
-        case Cmd::VideoHide:
-        case Cmd::VideoShow: {
-            quarvel_video_output_s* h;
-            if (!video_handle(c, "quarvel_video_output_set_rect", &h))
-                break;
-            quarvel_video_output_rect_t r{};
-            if (c.cmd == Cmd::VideoRect) {
-                r.x = static_cast<int32_t>(c.num("x", 0));
-                r.y = static_cast<int32_t>(c.num("y", 0));
-                r.w = static_cast<uint32_t>(c.num("w", 0));
-                r.h = static_cast<uint32_t>(c.num("h", 0));
-                if (c.has("dar")) {
-                    r.dar_w = static_cast<uint32_t>(c.arg("dar").v[0]);
-                    r.dar_h = static_cast<uint32_t>(c.arg("dar").v[1]);
-                }
-            } else if (c.cmd == Cmd::VideoHide) {
-                r = last_rect_;
-                r.w = 0;
-            } else {
-                r = last_shown_;
-            }
-            call_set_rect(c, h, r, expected);
-            break;
-        }
-        case Cmd::VideoFirstFrame: {
-            const char* fn = "quarvel_video_output_init_with_first_frame";
-            quarvel_video_output_s* h;
-            if (!video_handle(c, fn, &h))
-                break;
-            apply_format(c, &fmt_);
-            uint32_t index = c.has("index") ? static_cast<uint32_t>(c.num("index", 0)) : next_index_++;
-            v4l2_drm d = make_descriptor(fmt_, index);
-            quarvel_video_output_frame_s frame{};
-            frame.v4l2_frame = &d;
-            frame.dv_profile = fmt_.dv;
-            begin_call(c, std::string(fn) + "(" + frame_text(fmt_, index) + ")");
-            int res = quarvel_video_output_init_with_first_frame(h, &frame);
-            end_call(c, fn, res, expected, "");
-            break;
-        }
-        case Cmd::VideoFrame: {
-            const char* fn = "quarvel_video_output_push_frame_to_display";
-            quarvel_video_output_s* h;
-            if (!video_handle(c, fn, &h))
-                break;
-            if (c.has("to")) {
-                // The window moves from 'from' (or where it was when the line began) to 'to'
-                // in count equal steps; the first frame already takes the first step.
-                std::array<int64_t, 4>& f = move_start_[&c];
-                if (step == 0) {
-                    if (c.has("from"))
-                        for (int i = 0; i < 4; ++i)
-                            f[static_cast<size_t>(i)] = c.arg("from").v[i];
-                    else
-                        f = {last_rect_.x, last_rect_.y, last_rect_.w, last_rect_.h};
-                }
-                const int64_t n = c.count();
-                const Arg& to = c.arg("to");
-                int64_t v[4];
-                for (size_t i = 0; i < 4; ++i)
-                    v[i] = f[i] + (to.v[i] - f[i]) * (step + 1) / n;
-                quarvel_video_output_rect_t r = last_rect_;
-                r.x = static_cast<int32_t>(v[0]);
-                r.y = static_cast<int32_t>(v[1]);
-                r.w = static_cast<uint32_t>(v[2]);
-                r.h = static_cast<uint32_t>(v[3]);
-                if (!same_rect(r, last_rect_))
-                    call_set_rect(c, h, r, 0);
-            }
-            int res;
-            std::string what;
-            if (c.num("null", 0) == 1) {
-                begin_call(c, std::string(fn) + "(null frame)");
-                res = quarvel_video_output_push_frame_to_display(h, nullptr);
-                null_frames_++;
-            } else {
-                apply_format(c, &fmt_);
-                uint32_t index =
-                    c.has("index") ? static_cast<uint32_t>(c.num("index", 0) + step) : next_index_++;
-                v4l2_drm d = make_descriptor(fmt_, index);
-                quarvel_video_output_frame_s frame{};
-                frame.v4l2_frame = &d;
-                frame.dv_profile = fmt_.dv;
-                begin_call(c, std::string(fn) + "(" + frame_text(fmt_, index) + ")");
-                res = quarvel_video_output_push_frame_to_display(h, &frame);
-                frames_pushed_++;
-                if (res == 0) {
-                    frames_ok_++;
-                    std::lock_guard<std::mutex> g(mu_);
-                    if (setplanes_ > 0 && !plane_.muted)
-                        frames_shown_++;
-                }
-            }
-            end_call(c, fn, res, expected, "");
-            if (c.has("pts")) {
-                const char* pfn = "quarvel_video_output_set_pts";
-                long long pts = static_cast<long long>(c.num("pts", 0) + step * c.num("pts-step", 0));
-                begin_call(c, std::string(pfn) + "(" + std::to_string(pts) + ")");
-                int pres = quarvel_video_output_set_pts(h, pts);
-                end_call(c, pfn, pres, 0, "");
-            }
-            break;
-        }
-        case Cmd::VideoNextRes: {
-            const char* fn = "quarvel_video_output_set_next_res";
-            quarvel_video_output_s* h;
-            if (!video_handle(c, fn, &h))
-                break;
-            FrameFormat f = fmt_;
-            apply_format(c, &f);
-            uint32_t index = c.has("index") ? static_cast<uint32_t>(c.num("index", 0)) : next_index_;
-            v4l2_drm d = make_descriptor(f, index);
-            quarvel_video_output_frame_s frame{};
-            frame.v4l2_frame = &d;
-            frame.dv_profile = f.dv;
-            begin_call(c, std::string(fn) + "(" + frame_text(f, index) + ")");
-            int res = quarvel_video_output_set_next_res(h, &frame);
-            end_call(c, fn, res, expected, "");
-            break;
-        }
-        case Cmd::VideoVsync: {
-            const char* fn = "quarvel_video_output_get_vsync_info";
-            quarvel_video_output_s* h;
-            if (!video_handle(c, fn, &h))
-                break;
-            quarvel_video_output_vsync_info_s info{};
-            begin_call(c, std::string(fn) + "()");
-            int res = quarvel_video_output_get_vsync_info(h, &info);
-            char buf[128];
-            snprintf(buf, sizeof(buf), "fps=%.6f tv_sec=%d tv_nsec=%d", info.fps, info.tv_sec, info.tv_nsec);
-            end_call(c, fn, res, expected, res == 0 ? buf : "");
-            break;
-        }
-        case Cmd::VideoUsed: {
-            const char* fn = "quarvel_video_output_get_used_frames";
-            quarvel_video_output_s* h;
-            if (!video_handle(c, fn, &h))
-                break;
-            quarvel_video_used_frames_s used{};
-            begin_call(c, std::string(fn) + "()");
-            int res = quarvel_video_output_get_used_frames(h, &used);
-            end_call(c, fn, res, expected,
-                     res == 0 ? "dec0=" + std::to_string(used.used_by_decoder[0]) +
-                                    " dec1=" + std::to_string(used.used_by_decoder[1])
-                              : "");
-            break;
-        }
-        case Cmd::VideoPts: {
-            const char* fn = "quarvel_video_output_set_pts";
-            quarvel_video_output_s* h;
-            if (!video_handle(c, fn, &h))
-                break;
-            long long pts = static_cast<long long>(c.num("value", 0));
-            begin_call(c, std::string(fn) + "(" + std::to_string(pts) + ")");
-            int res = quarvel_video_output_set_pts(h, pts);
-            end_call(c, fn, res, expected, "");
-            break;
-        }
-        case Cmd::VideoNotifyTa: {
-            const char* fn = "quarvel_video_output_notify_ta_switch";
-            quarvel_video_output_s* h;
-            if (!video_handle(c, fn, &h))
-                break;
-            const char* env = getenv("TA_DTV_PRELOAD");
-            begin_call(
-                c, std::string(fn) + "() TA_DTV_PRELOAD=" + (env ? "\"" + std::string(env) + "\"" : "unset"));
-            int threads = thread_count();
-            quarvel_video_output_notify_ta_switch(h);
-            wait_for_threads(threads);
-            env = getenv("TA_DTV_PRELOAD");
-            end_call(c, fn, 0, expected,
-                     std::string("TA_DTV_PRELOAD=") + (env ? "\"" + std::string(env) + "\"" : "unset"));
-            break;
-        }
-        case Cmd::AudioOpen: {
-            const char* fn = "quarvel_audio_output_open";
-            if (audio_) {
-                skipped(c, fn, "an audio output is already open");
-                break;
-            }
-            const std::string& path = c.arg("path").text;
-            begin_call(c, std::string(fn) + "(\"" + path + "\")");
-            audio_ = quarvel_audio_output_open(path.c_str());
-            audio_run_++;
-            // A failed open releases the handle with a line that has no newline of its own.
-            if (!audio_)
-                printf("\n");
-            end_call(c, fn, audio_ ? 0 : -1, expected, audio_ ? "" : "(null)");
-            break;
-        }
-        case Cmd::AudioSetup: {
-            const char* fn = "quarvel_audio_output_setup";
-            quarvel_audio_output_s* h;
-            if (!audio_handle(c, fn, &h))
-                break;
-            quarvel_audio_output_setup_params_s p{};
-            p.channels = static_cast<uint32_t>(c.num("channels", 2));
-            p.sample_rate = static_cast<uint32_t>(c.num("rate", 48000));
-            begin_call(c, std::string(fn) + "(channels=" + std::to_string(p.channels) +
-                              " sample_rate=" + std::to_string(p.sample_rate) + ")");
-            int res = quarvel_audio_output_setup(h, &p);
-            if (res == 0 && h)
-                channels_ = p.channels;
-            end_call(c, fn, res, expected, "");
-            break;
-        }
-        case Cmd::AudioStart:
-        case Cmd::AudioStop:
-        case Cmd::AudioInfo: {
-            const char* fn = c.cmd == Cmd::AudioStart  ? "quarvel_audio_output_start"
-                             : c.cmd == Cmd::AudioStop ? "quarvel_audio_output_stop"
-                                                       : "quarvel_audio_output_get_info";
-            quarvel_audio_output_s* h;
-            if (!audio_handle(c, fn, &h))
-                break;
-            begin_call(c, std::string(fn) + "()");
-            int res;
-            std::string detail;
-            if (c.cmd == Cmd::AudioStart) {
-                res = quarvel_audio_output_start(h);
-            } else if (c.cmd == Cmd::AudioStop) {
-                res = quarvel_audio_output_stop(h);
-                audio_run_++;
-            } else {
-                quarvel_audio_output_info_s info{};
-                res = quarvel_audio_output_get_info(h, &info);
-                if (res == 0) {
-                    char buf[160];
-                    snprintf(buf, sizeof(buf), "frames_delay=%u bytes_free=%u remain_size=%" PRId64,
-                             info.frames_delay, info.bytes_free, info.remain_size);
-                    detail = buf;
-                    std::lock_guard<std::mutex> g(mu_);
-                    delays_.push_back(DelaySample{now_.load(), info.frames_delay, audio_run_});
-                }
-            }
-            end_call(c, fn, res, expected, detail);
-            break;
-        }
-        case Cmd::AudioSyncMode: {
-            const char* fn = "quarvel_audio_output_set_sync_mode";
-            quarvel_audio_output_s* h;
-            if (!audio_handle(c, fn, &h))
-                break;
-            uint32_t mode = static_cast<uint32_t>(c.num("mode", 0));
-            begin_call(c, std::string(fn) + "(" + std::to_string(mode) + ")");
-            int res =
-                quarvel_audio_output_set_sync_mode(h, static_cast<quarvel_audio_output_sync_mode_t>(mode));
-            end_call(c, fn, res, expected, "");
-            break;
-        }
-        case Cmd::AudioVolume:
-        case Cmd::AudioSpeed: {
-            bool vol = c.cmd == Cmd::AudioVolume;
-            const char* fn =
-                vol ? "quarvel_audio_output_volume_control" : "quarvel_audio_output_speed_control";
-            quarvel_audio_output_s* h;
-            if (!audio_handle(c, fn, &h))
-                break;
-            float v = static_cast<float>(c.real("value", 1.0));
-            char buf[64];
-            snprintf(buf, sizeof(buf), "(%g)", static_cast<double>(v));
-            begin_call(c, std::string(fn) + buf);
-            int res =
-                vol ? quarvel_audio_output_volume_control(h, v) : quarvel_audio_output_speed_control(h, v);
-            end_call(c, fn, res, expected, "");
-            break;
-        }
-        case Cmd::AudioClose: {
-            const char* fn = "quarvel_audio_output_close";
-            quarvel_audio_output_s* h;
-            if (!audio_handle(c, fn, &h))
-                break;
-            begin_call(c, std::string(fn) + (h ? "()" : "(null)"));
-            quarvel_audio_output_close(h);
-            audio_run_++;
-            if (h)
-                audio_ = nullptr;
-            // The library's release line carries no newline of its own.
-            printf("\n");
-            end_call(c, fn, 0, expected, "");
-            break;
-        }
-        case Cmd::AudioPush: {
-            const char* fn = "quarvel_audio_output_push_data";
-            quarvel_audio_output_s* h;
-            if (!audio_handle(c, fn, &h))
-                break;
-            const uint32_t size = static_cast<uint32_t>(c.num("size", 4096));
-            const uint32_t extra = static_cast<uint32_t>(c.num("extra", 0));
-            std::vector<unsigned char> data(static_cast<size_t>(size) + extra);
-            for (size_t i = 0; i < data.size(); ++i)
-                data[i] = static_cast<unsigned char>(i * 7u + step);
-            begin_call(c, std::string(fn) + "(size=" + std::to_string(size) +
-                              " extra=" + std::to_string(extra) + ")");
-            int res = quarvel_audio_output_push_data(h, data.data(), size, extra);
-            const bool retrying = res == -2 && c.has("retry") && expected != -2;
-            if (retrying && retries < c.num("max-retries", 1000)) {
-                no_space();
-                end_call(c, fn, res, res, "no space, retry in " + format_ms(c.num("retry", 0)) + " ms");
-                sr.retry = true;
-                sr.retry_us = c.num("retry", 0);
-                break;
-            }
-            if (retrying) {
-                no_space();
-                end_call(c, fn, res, expected, "no space after " + std::to_string(retries) + " retries");
-                break;
-            }
-            if (res == 0) {
-                audio_blocks_++;
-                audio_bytes_ += size + extra;
-                if (channels_)
-                    audio_frames_ += (size / 2) / channels_;
-            } else if (res == -2) {
-                no_space();
-            }
-            end_call(c, fn, res, expected, "");
-            break;
-        }
-        default:
-            break;
+    const CallDef* def = call_def(c.cmd);
+    if (!def)
+        return {};
+    Call call{def->fn, step, retries, nullptr, nullptr};
+    if (!take_handle(c, def->needs, &call))
+        return {};
+    return (this->*def->run)(c, call);
+}
+
+// The handle the call is made on. False, the call reported as skipped, when the output it
+// needs is not open, or the one it opens already is.
+bool Session::take_handle(const Command& c, Needs needs, Call* call) {
+    if (needs == Needs::NoVideo && video_) {
+        skipped(c, call->fn, "a video output is already open");
+        return false;
     }
+    if (needs == Needs::NoAudio && audio_) {
+        skipped(c, call->fn, "an audio output is already open");
+        return false;
+    }
+    if (needs == Needs::Video)
+        return open_output(c, call->fn, video_, "no video output is open", &call->video);
+    if (needs == Needs::Audio)
+        return open_output(c, call->fn, audio_, "no audio output is open", &call->audio);
+    return true;
+}
+
+// ---- Video calls ------------------------------------------------------------------------------
+
+StepResult Session::open_video(const Command& c, const Call& call) {
+    const bool ta = c.num("ta", 0) != 0;
+    begin_call(c, std::string(call.fn) + (ta ? "(bTaCase=true)" : "(bTaCase=false)"));
+    video_ = quarvel_video_output_open(ta);
+    if (video_) {
+        panel_w_ = video_->m_panel_width;
+        panel_h_ = video_->m_panel_height;
+    }
+    end_call(c, call.fn, video_ ? 0 : -1, c.expect(), video_ ? output_text(*video_) : "(null)");
+    return {};
+}
+
+StepResult Session::close_video(const Command& c, const Call& call) {
+    begin_call(c, std::string(call.fn) + (call.video ? "()" : "(null)"));
+    quarvel_video_output_close(call.video);
+    if (call.video)
+        video_ = nullptr;
+    end_call(c, call.fn, 0, c.expect(), "");
+    return {};
+}
+
+StepResult Session::report_panel_size(const Command& c, const Call& call) {
+    begin_call(c, std::string(call.fn) + "()");
+    int w = -1, h = -1;
+    quarvel_video_output_get_panel_size(call.video, &w, &h);
+    end_call(c, call.fn, 0, c.expect(), "w=" + std::to_string(w) + " h=" + std::to_string(h));
+    return {};
+}
+
+StepResult Session::place_video(const Command& c, const Call& call) {
+    quarvel_video_output_rect_t r{};
+    r.x = static_cast<int32_t>(c.num("x", 0));
+    r.y = static_cast<int32_t>(c.num("y", 0));
+    r.w = static_cast<uint32_t>(c.num("w", 0));
+    r.h = static_cast<uint32_t>(c.num("h", 0));
+    if (c.has("dar")) {
+        r.dar_w = static_cast<uint32_t>(c.arg("dar").v[0]);
+        r.dar_h = static_cast<uint32_t>(c.arg("dar").v[1]);
+    }
+    call_set_rect(c, call.video, r, c.expect());
+    return {};
+}
+
+// Hiding is a rectangle of no width where the video last was.
+StepResult Session::hide_video(const Command& c, const Call& call) {
+    quarvel_video_output_rect_t r = last_rect_;
+    r.w = 0;
+    call_set_rect(c, call.video, r, c.expect());
+    return {};
+}
+
+StepResult Session::show_video(const Command& c, const Call& call) {
+    call_set_rect(c, call.video, last_shown_, c.expect());
+    return {};
+}
+
+StepResult Session::start_with_first_frame(const Command& c, const Call& call) {
+    apply_format(c, &fmt_);
+    const uint32_t index = frame_index(c, 0);
+    const int res = call_with_frame(c, call, quarvel_video_output_init_with_first_frame, fmt_, index);
+    end_call(c, call.fn, res, c.expect(), "");
+    return {};
+}
+
+// One frame of a line, after moving the window one step on if the line moves it; then the
+// frame's presentation time if the line gives one.
+StepResult Session::push_frame(const Command& c, const Call& call) {
+    if (c.has("to"))
+        move_window(c, call);
+    const int res = c.num("null", 0) == 1 ? push_null_frame(c, call) : push_decoded_frame(c, call);
+    end_call(c, call.fn, res, c.expect(), "");
+    if (c.has("pts"))
+        call_set_pts(c, call.video, c.num("pts", 0) + call.step * c.num("pts-step", 0), 0);
+    return {};
+}
+
+// The next size is announced with the stream's format as it stands, changed by the line
+// but not kept, and the index the next frame will get.
+StepResult Session::announce_next_resolution(const Command& c, const Call& call) {
+    FrameFormat f = fmt_;
+    apply_format(c, &f);
+    const uint32_t index = c.has("index") ? static_cast<uint32_t>(c.num("index", 0)) : next_index_;
+    const int res = call_with_frame(c, call, quarvel_video_output_set_next_res, f, index);
+    end_call(c, call.fn, res, c.expect(), "");
+    return {};
+}
+
+StepResult Session::report_vsync(const Command& c, const Call& call) {
+    quarvel_video_output_vsync_info_s info{};
+    begin_call(c, std::string(call.fn) + "()");
+    const int res = quarvel_video_output_get_vsync_info(call.video, &info);
+    char buf[128];
+    snprintf(buf, sizeof(buf), "fps=%.6f tv_sec=%d tv_nsec=%d", info.fps, info.tv_sec, info.tv_nsec);
+    end_call(c, call.fn, res, c.expect(), res == 0 ? buf : "");
+    return {};
+}
+
+StepResult Session::report_used_frames(const Command& c, const Call& call) {
+    quarvel_video_used_frames_s used{};
+    begin_call(c, std::string(call.fn) + "()");
+    const int res = quarvel_video_output_get_used_frames(call.video, &used);
+    end_call(c, call.fn, res, c.expect(),
+             res == 0 ? "dec0=" + std::to_string(used.used_by_decoder[0]) +
+                            " dec1=" + std::to_string(used.used_by_decoder[1])
+                      : "");
+    return {};
+}
+
+StepResult Session::set_pts(const Command& c, const Call& call) {
+    call_set_pts(c, call.video, c.num("value", 0), c.expect());
+    return {};
+}
+
+// The library's broadcast switch mutes audio from a detached thread of its own. Waiting
+// for that thread to end keeps the order of the printed lines the same from run to run.
+StepResult Session::notify_ta_switch(const Command& c, const Call& call) {
+    begin_call(c, std::string(call.fn) + "() " + preload_text());
+    const int threads = ruvo_kit::thread_count();
+    quarvel_video_output_notify_ta_switch(call.video);
+    ruvo_kit::wait_for_threads_to_end(threads, std::chrono::seconds(5));
+    end_call(c, call.fn, 0, c.expect(), preload_text());
+    return {};
+}
+
+// ---- Video call steps ---------------------------------------------------------------------
+
+void Session::call_set_pts(const Command& c, quarvel_video_output_s* h, long long pts, int64_t expected) {
+    const char* fn = "quarvel_video_output_set_pts";
+    begin_call(c, std::string(fn) + "(" + std::to_string(pts) + ")");
+    const int res = quarvel_video_output_set_pts(h, pts);
+    end_call(c, fn, res, expected, "");
+}
+
+// A line's own index counts on by one a call; without one, the session's next.
+uint32_t Session::frame_index(const Command& c, int64_t step) {
+    return c.has("index") ? static_cast<uint32_t>(c.num("index", 0) + step) : next_index_++;
+}
+
+// The call line for a frame of format `f`, then the call.
+int Session::call_with_frame(const Command& c, const Call& call, FrameCall fn, const FrameFormat& f,
+                             uint32_t index) {
+    v4l2_drm d = frame_descriptor(f, index);
+    quarvel_video_output_frame_s frame{};
+    frame.v4l2_frame = &d;
+    frame.dv_profile = f.dv;
+    begin_call(c, std::string(call.fn) + "(" + frame_text(f, index) + ")");
+    return fn(call.video, &frame);
+}
+
+int Session::push_null_frame(const Command& c, const Call& call) {
+    begin_call(c, std::string(call.fn) + "(null frame)");
+    const int res = quarvel_video_output_push_frame_to_display(call.video, nullptr);
+    null_frames_++;
+    return res;
+}
+
+// A frame counts as shown when the plane has been placed and the video is not muted.
+int Session::push_decoded_frame(const Command& c, const Call& call) {
+    apply_format(c, &fmt_);
+    const uint32_t index = frame_index(c, call.step);
+    const int res = call_with_frame(c, call, quarvel_video_output_push_frame_to_display, fmt_, index);
+    frames_pushed_++;
+    if (res == 0) {
+        frames_ok_++;
+        std::lock_guard<std::mutex> g(mu_);
+        if (setplanes_ > 0 && !plane_.muted)
+            frames_shown_++;
+    }
+    return res;
+}
+
+// The window moves from 'from' (or where it was when the line began) to 'to' in count
+// equal steps; the first frame already takes the first step. A step that lands where the
+// window is makes no call.
+void Session::move_window(const Command& c, const Call& call) {
+    std::array<int64_t, 4>& f = move_start_[&c];
+    if (call.step == 0) {
+        if (c.has("from"))
+            for (int i = 0; i < 4; ++i)
+                f[static_cast<size_t>(i)] = c.arg("from").v[i];
+        else
+            f = {last_rect_.x, last_rect_.y, last_rect_.w, last_rect_.h};
+    }
+    const int64_t n = c.count();
+    const Arg& to = c.arg("to");
+    int64_t v[4];
+    for (size_t i = 0; i < 4; ++i)
+        v[i] = f[i] + (to.v[i] - f[i]) * (call.step + 1) / n;
+    quarvel_video_output_rect_t r = last_rect_;
+    r.x = static_cast<int32_t>(v[0]);
+    r.y = static_cast<int32_t>(v[1]);
+    r.w = static_cast<uint32_t>(v[2]);
+    r.h = static_cast<uint32_t>(v[3]);
+    if (!same_rect(r, last_rect_))
+        call_set_rect(c, call.video, r, 0);
+}
+
+// ---- Audio calls ------------------------------------------------------------------------------
+
+StepResult Session::open_audio(const Command& c, const Call& call) {
+    const std::string& path = c.arg("path").text;
+    begin_call(c, std::string(call.fn) + "(\"" + path + "\")");
+    audio_ = quarvel_audio_output_open(path.c_str());
+    audio_run_++;
+    // A failed open releases the handle with a line that has no newline of its own.
+    if (!audio_)
+        printf("\n");
+    end_call(c, call.fn, audio_ ? 0 : -1, c.expect(), audio_ ? "" : "(null)");
+    return {};
+}
+
+StepResult Session::set_up_audio(const Command& c, const Call& call) {
+    quarvel_audio_output_setup_params_s p{};
+    p.channels = static_cast<uint32_t>(c.num("channels", 2));
+    p.sample_rate = static_cast<uint32_t>(c.num("rate", 48000));
+    begin_call(c, std::string(call.fn) + "(channels=" + std::to_string(p.channels) +
+                      " sample_rate=" + std::to_string(p.sample_rate) + ")");
+    const int res = quarvel_audio_output_setup(call.audio, &p);
+    if (res == 0 && call.audio)
+        channels_ = p.channels;
+    end_call(c, call.fn, res, c.expect(), "");
+    return {};
+}
+
+StepResult Session::start_audio(const Command& c, const Call& call) {
+    call_audio(c, call, quarvel_audio_output_start);
+    return {};
+}
+
+// Stopping drops what the decoder had: the delay samples after it are another run.
+StepResult Session::stop_audio(const Command& c, const Call& call) {
+    call_audio(c, call, quarvel_audio_output_stop);
+    audio_run_++;
+    return {};
+}
+
+StepResult Session::set_sync_mode(const Command& c, const Call& call) {
+    const uint32_t mode = static_cast<uint32_t>(c.num("mode", 0));
+    begin_call(c, std::string(call.fn) + "(" + std::to_string(mode) + ")");
+    const int res =
+        quarvel_audio_output_set_sync_mode(call.audio, static_cast<quarvel_audio_output_sync_mode_t>(mode));
+    end_call(c, call.fn, res, c.expect(), "");
+    return {};
+}
+
+// One block of the line's size and header bytes. With a retry time, a no-space answer is
+// tried again later, up to the line's most retries.
+StepResult Session::push_audio(const Command& c, const Call& call) {
+    const uint32_t size = static_cast<uint32_t>(c.num("size", 4096));
+    const uint32_t extra = static_cast<uint32_t>(c.num("extra", 0));
+    const std::vector<unsigned char> data = audio_block(static_cast<size_t>(size) + extra, call.step);
+    begin_call(
+        c, std::string(call.fn) + "(size=" + std::to_string(size) + " extra=" + std::to_string(extra) + ")");
+    const int res = quarvel_audio_output_push_data(call.audio, data.data(), size, extra);
+    if (res == -2 && c.has("retry") && c.expect() != -2)
+        return retry_after_no_space(c, call, res);
+    if (res == 0)
+        count_audio_block(size, extra);
+    else if (res == -2)
+        no_space();
+    end_call(c, call.fn, res, c.expect(), "");
+    return {};
+}
+
+// Every answer is a delay sample for the picture, of the current run.
+StepResult Session::report_audio_info(const Command& c, const Call& call) {
+    begin_call(c, std::string(call.fn) + "()");
+    quarvel_audio_output_info_s info{};
+    const int res = quarvel_audio_output_get_info(call.audio, &info);
+    std::string detail;
+    if (res == 0) {
+        char buf[160];
+        snprintf(buf, sizeof(buf), "frames_delay=%u bytes_free=%u remain_size=%" PRId64, info.frames_delay,
+                 info.bytes_free, info.remain_size);
+        detail = buf;
+        std::lock_guard<std::mutex> g(mu_);
+        delays_.push_back(DelaySample{now_.load(), info.frames_delay, audio_run_});
+    }
+    end_call(c, call.fn, res, c.expect(), detail);
+    return {};
+}
+
+StepResult Session::set_volume(const Command& c, const Call& call) {
+    call_audio_level(c, call, quarvel_audio_output_volume_control);
+    return {};
+}
+
+StepResult Session::set_speed(const Command& c, const Call& call) {
+    call_audio_level(c, call, quarvel_audio_output_speed_control);
+    return {};
+}
+
+StepResult Session::close_audio(const Command& c, const Call& call) {
+    begin_call(c, std::string(call.fn) + (call.audio ? "()" : "(null)"));
+    quarvel_audio_output_close(call.audio);
+    audio_run_++;
+    if (call.audio)
+        audio_ = nullptr;
+    // The library's release line carries no newline of its own.
+    printf("\n");
+    end_call(c, call.fn, 0, c.expect(), "");
+    return {};
+}
+
+// ---- Audio call steps ---------------------------------------------------------------------
+
+// A call with nothing but the handle.
+void Session::call_audio(const Command& c, const Call& call, AudioCall fn) {
+    begin_call(c, std::string(call.fn) + "()");
+    const int res = fn(call.audio);
+    end_call(c, call.fn, res, c.expect(), "");
+}
+
+void Session::call_audio_level(const Command& c, const Call& call, AudioLevelCall fn) {
+    const float v = static_cast<float>(c.real("value", 1.0));
+    char buf[64];
+    snprintf(buf, sizeof(buf), "(%g)", static_cast<double>(v));
+    begin_call(c, std::string(call.fn) + buf);
+    const int res = fn(call.audio, v);
+    end_call(c, call.fn, res, c.expect(), "");
+}
+
+// A no-space answer on a line that retries: again after the retry time, or, past the most
+// retries, the answer stands against what the line expects.
+StepResult Session::retry_after_no_space(const Command& c, const Call& call, int res) {
+    no_space();
+    if (call.retries >= c.num("max-retries", 1000)) {
+        end_call(c, call.fn, res, c.expect(), "no space after " + std::to_string(call.retries) + " retries");
+        return {};
+    }
+    end_call(c, call.fn, res, res, "no space, retry in " + format_ms(c.num("retry", 0)) + " ms");
+    StepResult sr;
+    sr.retry = true;
+    sr.retry_us = c.num("retry", 0);
     return sr;
+}
+
+// Blocks of 16-bit samples: the frames count for the channels of the last setup.
+void Session::count_audio_block(uint32_t size, uint32_t extra) {
+    audio_blocks_++;
+    audio_bytes_ += size + extra;
+    if (channels_)
+        audio_frames_ += (size / 2) / channels_;
 }
 
 void Session::execute_platform(const Command& c) {
