@@ -252,12 +252,16 @@ void Run::poll_positions() {
         gint64 pos = -1;
         return gst_element_query_position(e, GST_FORMAT_TIME, &pos) ? pos : -1;
     };
-    while (!stop_.load()) {
+    // Each sink's own answer only every tenth time: on the TV each answer costs driver
+    // requests, which would weigh on the CPU figure as no application's polling does.
+    for (unsigned n = 0; !stop_.load(); ++n) {
         PositionSample p;
         p.position_ns = position(pipe_);
         p.mono_ns = mono_ns();
-        p.video_position_ns = position(vsink_);
-        p.audio_position_ns = position(asink_);
+        if (n % 10 == 0) {
+            p.video_position_ns = position(vsink_);
+            p.audio_position_ns = position(asink_);
+        }
         {
             std::lock_guard<std::mutex> g(pos_mu_);
             r_.positions.push_back(p);
