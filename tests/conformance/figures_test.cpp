@@ -135,6 +135,24 @@ TEST(ConformanceFigures, position_and_av_are_not_judged_while_a_seek_or_a_storm_
     EXPECT_DOUBLE_EQ(f.position_ahead_max_ms, 3960);
 }
 
+// A seek lands on the first frame that reaches the video sink after its flush, once the
+// panel shows it; what played before the seek does not count.
+TEST(ConformanceFigures, a_seek_lands_on_the_first_frame_after_its_flush_that_the_panel_showed) {
+    RunResult r = run_from_start();
+    // Asked at 1 s for 2030 ms, done 10 ms later; the first frame after the flush is 2040 ms
+    // (latched at kT0 + 2040 ms in the made-up timeline, where frame i is i*40 ms).
+    r.seeks.push_back({kT0 + 1010 * kMs, 2030 * kMs, 1.0});
+    r.transitions.push_back({kT0 + 1000 * kMs, kT0 + 1010 * kMs});
+    r.video_landings.push_back({kT0 + 500 * kMs, 520 * kMs});  // an earlier flush
+    r.video_landings.push_back({kT0 + 1005 * kMs, 2040 * kMs});
+    Figures f = compute_figures(scenario(), r, load(timeline_text(200, 0)), nullptr);
+    EXPECT_DOUBLE_EQ(f.seek_landing_max_ms, 10);
+    // A frame the panel never showed is no landing.
+    r.video_landings.back().second = 2041 * kMs;
+    f = compute_figures(scenario(), r, load(timeline_text(200, 0)), nullptr);
+    EXPECT_DOUBLE_EQ(f.seek_landing_max_ms, 0);
+}
+
 TEST(ConformanceFigures, position_after_the_last_frame_follows_the_sound_alone) {
     RunResult r = run_from_start();
     // The last frame [3960, 4000) ms stays on the panel; the sound goes on to 4037 ms.

@@ -102,6 +102,8 @@ struct RunResult {
     // (CLOCK_MONOTONIC, PTS) of the first audio buffer after the start and after each flush:
     // where the decoder's own media time begins.
     std::vector<std::pair<int64_t, int64_t>> audio_bases;
+    // (CLOCK_MONOTONIC, PTS) of the first video buffer after each flush: where a seek landed.
+    std::vector<std::pair<int64_t, int64_t>> video_landings;
     bool clock_is_audio_sink = false;  // the pipeline ran on the audio sink's clock
     std::string clock_name;
 };

@@ -98,6 +98,14 @@ int64_t frame_duration_ns(const Timeline& tl) {
     return d[d.size() / 2];
 }
 
+// Whether the panel latched the frame of timestamp `pts_ns` after `t`.
+bool shown_after(const Timeline& tl, int64_t t, int64_t pts_ns) {
+    for (const VsyncEntry& v : tl.vsyncs)
+        if (v.t_ns >= t && v.latched && llabs(v.pts_ns - pts_ns) < 1000000)
+            return true;
+    return false;
+}
+
 // While a seek is under way POSITION answers its target before any frame of it is shown,
 // and the panel may show the new stream's first frame while the decoder still plays the old.
 bool in_transition(const RunResult& r, int64_t t) {
@@ -206,11 +214,20 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
     }
     f.position_error_p99_ms = percentile(errs, 0.99);
 
-    // Where each seek landed: the first frame latched after it.
+    // Where each seek landed: the first frame after its flush, as it reached the video sink,
+    // and only once the panel showed it.
     for (const SeekSample& sk : r.seeks) {
-        const VsyncEntry* v = panel_at(tl, sk.mono_ns + tl.vsync_period_ns * 2);
-        if (v && v->pts_ns >= 0)
-            f.seek_landing_max_ms = std::max(f.seek_landing_max_ms, fabs((v->pts_ns - sk.target_ns) / 1e6));
+        int64_t requested = sk.mono_ns;
+        for (const auto& span : r.transitions)
+            if (span.second == sk.mono_ns)
+                requested = span.first;
+        const std::pair<int64_t, int64_t>* landing = nullptr;
+        for (const auto& l : r.video_landings)
+            if (l.first >= requested && l.first <= sk.mono_ns)
+                landing = &l;
+        if (landing == nullptr || !shown_after(tl, landing->first, landing->second))
+            continue;
+        f.seek_landing_max_ms = std::max(f.seek_landing_max_ms, fabs((landing->second - sk.target_ns) / 1e6));
     }
 
     // First frame: PLAYING from prerolled PAUSED to the first latch of a new frame.

@@ -122,6 +122,14 @@ struct AudioBaseProbe {
     RunResult* result = nullptr;
 };
 
+// Every video buffer reaching the sink is counted; the first after each flush is where a
+// seek landed.
+struct VideoProbe {
+    std::atomic<uint64_t> buffers{0};
+    std::atomic<bool> after_flush{false};
+    RunResult* result = nullptr;
+};
+
 class Run {
   public:
     Run(const Scenario& s, const RunOptions& o) : s_(s), o_(o) {}
@@ -159,7 +167,7 @@ class Run {
     std::thread poller_;
     std::mutex pos_mu_;
     AudioBaseProbe audio_probe_;
-    std::atomic<uint64_t> video_buffers_{0};
+    VideoProbe video_probe_;
     double cpu0_ = 0;
     int64_t wall0_ = 0;
 };
@@ -188,8 +196,20 @@ GstPadProbeReturn on_audio_pad(GstPad*, GstPadProbeInfo* info, gpointer data) {
     return GST_PAD_PROBE_OK;
 }
 
-GstPadProbeReturn count_buffer(GstPad*, GstPadProbeInfo*, gpointer data) {
-    static_cast<std::atomic<uint64_t>*>(data)->fetch_add(1);
+GstPadProbeReturn on_video_pad(GstPad*, GstPadProbeInfo* info, gpointer data) {
+    auto* probe = static_cast<VideoProbe*>(data);
+    if (GST_PAD_PROBE_INFO_TYPE(info) &
+        (GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM | GST_PAD_PROBE_TYPE_EVENT_FLUSH)) {
+        if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_FLUSH_STOP)
+            probe->after_flush = true;
+        return GST_PAD_PROBE_OK;
+    }
+    GstBuffer* b = GST_PAD_PROBE_INFO_BUFFER(info);
+    if (b == nullptr)
+        return GST_PAD_PROBE_OK;
+    probe->buffers.fetch_add(1);
+    if (GST_BUFFER_PTS_IS_VALID(b) && probe->after_flush.exchange(false))
+        probe->result->video_landings.push_back({mono_ns(), static_cast<int64_t>(GST_BUFFER_PTS(b))});
     return GST_PAD_PROBE_OK;
 }
 
@@ -230,7 +250,12 @@ bool Run::build(std::string* error) {
         gst_object_unref(pad);
     }
     if (GstPad* pad = gst_element_get_static_pad(vsink_, "sink")) {
-        gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, count_buffer, &video_buffers_, nullptr);
+        video_probe_.result = &r_;
+        gst_pad_add_probe(
+            pad,
+            static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM |
+                                         GST_PAD_PROBE_TYPE_EVENT_FLUSH),
+            on_video_pad, &video_probe_, nullptr);
         gst_object_unref(pad);
     }
     static std::pair<std::vector<std::string>*, std::atomic<size_t>*> about;
@@ -492,7 +517,7 @@ RunResult Run::finish() {
     }
     // The base sink's statistics start again at every state change: the frames are counted
     // at the sink's pad over the whole run instead.
-    r_.frames_rendered = video_buffers_.load();
+    r_.frames_rendered = video_probe_.buffers.load();
     r_.cpu_seconds = cpu_seconds() - cpu0_;
     r_.wall_seconds = (mono_ns() - wall0_) / 1e9;
     teardown();

@@ -29,6 +29,8 @@ bool write_samples(const std::string& path, const RunResult& r) {
         fprintf(f, "resource %s %ld %d\n", x.when.c_str(), x.rss_kib, x.fds);
     for (auto& t : r.resume_mono_ns)
         fprintf(f, "resume %lld\n", (long long)t);
+    for (auto& b : r.video_landings)
+        fprintf(f, "video-landing %lld %lld\n", (long long)b.first, (long long)b.second);
     for (auto& b : r.audio_bases)
         fprintf(f, "audio-base %lld %lld\n", (long long)b.first, (long long)b.second);
     fprintf(f, "play %lld\n", (long long)r.play_mono_ns);
@@ -86,6 +88,10 @@ bool read_samples(const std::string& path, RunResult* out) {
             int64_t t = 0, pts = 0;
             v >> t >> pts;
             r.audio_bases.push_back({t, pts});
+        } else if (k == "video-landing") {
+            int64_t t = 0, pts = 0;
+            v >> t >> pts;
+            r.video_landings.push_back({t, pts});
         } else if (k == "play") {
             v >> r.play_mono_ns;
         } else if (k == "frames") {
