@@ -15,7 +15,7 @@ mkdir -p out
 build/host/tools/tv-session-player --svg out/session.svg "$@" tools/scenarios/default.scn
 # Then real media: a generated H.264 + AAC clip through playbin with ruvovideosink and
 # ruvoaudiosink on the preloaded emulated TV, in real time (a moving window, a pause, a
-# seek), with its lip-sync figures and plots in out/conformance/.
+# resolution change, a seek), with its lip-sync figures and plots in out/conformance/.
 status=0
 build/host/tools/avsink_conformance/avsink-conformance --out out/conformance \
   tools/avsink_conformance/scenarios/demo.play || status=$?
