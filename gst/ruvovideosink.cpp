@@ -440,7 +440,6 @@ GstFlowReturn show_buffer(RuvoVideoSink* self, GstBuffer* buf, bool set_display_
 // ---------------------------------------------------------------------------------------
 // End of stream: posted once the last frame is latched on the panel.
 
-
 // Frames the decoder still holds, or 0 when it cannot tell.
 uint32_t frames_held(RuvoVideoSink* self) {
     SinkState& s = *self->s;
