@@ -220,6 +220,19 @@ void on_about_to_finish(GstElement* pipe, gpointer data) {
         g_object_set(pipe, "uri", (*uris->first)[i].c_str(), nullptr);
 }
 
+// Buffers and downstream events (flushes too) at a sink's pad, seen by `probe`.
+void watch_sink_pad(GstElement* sink, GstPadProbeCallback probe, gpointer data) {
+    GstPad* pad = gst_element_get_static_pad(sink, "sink");
+    if (pad == nullptr)
+        return;
+    gst_pad_add_probe(
+        pad,
+        static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM |
+                                     GST_PAD_PROBE_TYPE_EVENT_FLUSH),
+        probe, data, nullptr);
+    gst_object_unref(pad);
+}
+
 bool Run::build(std::string* error) {
     for (const std::string& clip : playlist(s_.media)) {
         std::string path = make_clip(o_.media_dir, clip, error);
@@ -241,23 +254,9 @@ bool Run::build(std::string* error) {
             g_object_set(sink, "sync", TRUE, nullptr);
     g_object_set(pipe_, "uri", uris_[0].c_str(), "video-sink", vsink_, "audio-sink", asink_, nullptr);
     audio_probe_.result = &r_;
-    if (GstPad* pad = gst_element_get_static_pad(asink_, "sink")) {
-        gst_pad_add_probe(
-            pad,
-            static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM |
-                                         GST_PAD_PROBE_TYPE_EVENT_FLUSH),
-            on_audio_pad, &audio_probe_, nullptr);
-        gst_object_unref(pad);
-    }
-    if (GstPad* pad = gst_element_get_static_pad(vsink_, "sink")) {
-        video_probe_.result = &r_;
-        gst_pad_add_probe(
-            pad,
-            static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM |
-                                         GST_PAD_PROBE_TYPE_EVENT_FLUSH),
-            on_video_pad, &video_probe_, nullptr);
-        gst_object_unref(pad);
-    }
+    video_probe_.result = &r_;
+    watch_sink_pad(asink_, on_audio_pad, &audio_probe_);
+    watch_sink_pad(vsink_, on_video_pad, &video_probe_);
     static std::pair<std::vector<std::string>*, std::atomic<size_t>*> about;
     about = {&uris_, &next_uri_};
     g_signal_connect(pipe_, "about-to-finish", G_CALLBACK(on_about_to_finish), &about);

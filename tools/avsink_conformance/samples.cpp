@@ -8,6 +8,16 @@
 #include "conformance.h"
 
 namespace conformance {
+namespace {
+
+// Two numbers of a sample line: (CLOCK_MONOTONIC, value) or a [from, to) span.
+std::pair<int64_t, int64_t> read_pair(std::istream& in) {
+    std::pair<int64_t, int64_t> p{0, 0};
+    in >> p.first >> p.second;
+    return p;
+}
+
+}  // namespace
 
 bool write_samples(const std::string& path, const RunResult& r) {
     FILE* f = fopen(path.c_str(), "w");
@@ -73,9 +83,7 @@ bool read_samples(const std::string& path, RunResult* out) {
             v >> s.mono_ns >> s.target_ns >> s.rate;
             r.seeks.push_back(s);
         } else if (k == "transition") {
-            std::pair<int64_t, int64_t> t;
-            v >> t.first >> t.second;
-            r.transitions.push_back(t);
+            r.transitions.push_back(read_pair(v));
         } else if (k == "resource") {
             ResourceSample x;
             v >> x.when >> x.rss_kib >> x.fds;
@@ -85,13 +93,9 @@ bool read_samples(const std::string& path, RunResult* out) {
             v >> t;
             r.resume_mono_ns.push_back(t);
         } else if (k == "audio-base") {
-            int64_t t = 0, pts = 0;
-            v >> t >> pts;
-            r.audio_bases.push_back({t, pts});
+            r.audio_bases.push_back(read_pair(v));
         } else if (k == "video-landing") {
-            int64_t t = 0, pts = 0;
-            v >> t >> pts;
-            r.video_landings.push_back({t, pts});
+            r.video_landings.push_back(read_pair(v));
         } else if (k == "play") {
             v >> r.play_mono_ns;
         } else if (k == "frames") {
