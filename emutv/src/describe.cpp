@@ -61,13 +61,14 @@ std::string object_type(long long v) {
 }
 
 // Addresses differ from run to run: each is shown as a token numbered by first sight in
-// the process ("@1", "@2", ...; "null" for 0).
+// the process ("@1", "@2", ...; "null" for 0). The table is under the platform lock, which
+// the trace already holds and the fork handlers hold across fork(): a child never
+// inherits it half-updated by a thread it does not have.
 std::string address_token(long long v) {
     if (v == 0)
         return "null";
-    static std::mutex mu;
     static std::map<long long, int> tokens;
-    std::lock_guard<std::mutex> g(mu);
+    std::lock_guard<PlatformMutex> g(detail::core().mu);
     auto it = tokens.find(v);
     if (it == tokens.end())
         it = tokens.emplace(v, static_cast<int>(tokens.size()) + 1).first;

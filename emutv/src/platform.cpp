@@ -344,6 +344,7 @@ void Platform::reset() {
     c.events.clear();
     c.clear_counts();
     c.total = 0;
+    c.seq = 0;
     c.recording = true;
     c.listener = nullptr;
     c.hal = HalMode::Absent;

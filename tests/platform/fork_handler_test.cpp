@@ -9,6 +9,9 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <thread>
+
 #include "test_support.h"
 
 using ruvo_test::PlatformTest;
@@ -125,6 +128,36 @@ TEST_F(ForkHandlers, a_fork_from_the_listener_leaves_the_child_one_level_of_the_
     ASSERT_GE(pid, 0);
     EXPECT_EQ(wait_for_child(pid, 60), 0);
     EXPECT_EQ(close(fd), 0);
+}
+
+// describe() numbers the addresses it shows in a table of the process; another thread may
+// be in the middle of it when a program forks. The child must find it usable.
+TEST_F(ForkHandlers, a_child_forked_while_another_thread_describes_requests_can_describe_them) {
+    emutv::Event e;
+    e.name = "FR2IP_SetPTS";
+    e.fields["decoder_info"] = 0x1000;
+    std::atomic<bool> stop{false};
+    std::thread describer([&] {
+        for (long long a = 0x2000; !stop; a += 8) {
+            e.fields["decoder_info"] = a;
+            emutv::describe(e);
+        }
+    });
+    emutv::Event mine;
+    mine.name = "FR2IP_SetPTS";
+    mine.fields["decoder_info"] = 0x1000;
+    int stuck = 0;
+    for (int i = 0; i < 100; ++i) {
+        const pid_t pid = fork();
+        if (pid == 0)
+            _exit(emutv::describe(mine).empty() ? 1 : 0);
+        ASSERT_GE(pid, 0);
+        if (wait_for_child(pid, 10) != 0)
+            stuck++;
+    }
+    stop = true;
+    describer.join();
+    EXPECT_EQ(stuck, 0);
 }
 
 }  // namespace

@@ -93,6 +93,15 @@ TEST_F(EmulatedPlatform, marker_files_live_in_the_sandbox) {
     EXPECT_EQ(tv().sandbox_path("/tmp/RUVO"), tv().sandbox_root() + "/tmp/RUVO");
 }
 
+TEST_F(EmulatedPlatform, a_reset_numbers_the_records_from_one_again) {
+    close(open("/dev/qvl/qvkvplt", O_RDWR));
+    tv().reset();
+    close(open("/dev/qvl/qvkvplt", O_RDWR));
+    auto opens = tv().events("open");
+    ASSERT_EQ(opens.size(), 1u);
+    EXPECT_EQ(opens[0].seq, 1u);
+}
+
 TEST(PlatformFileLines, SetsTheAudioDecodersBuffers) {
     std::vector<emutv::lines::PlatformLine> lines;
     std::string error;
