@@ -15,7 +15,6 @@
 #include <chrono>
 #include <fcntl.h>
 #include <new>
-#include <thread>
 
 #include "HMXClientInterface.h"
 #include "hmx_standin.h"
@@ -118,11 +117,6 @@ class CallCost : public ruvo_test::PlatformTest {
         audio_ = quarvel_audio_output_open(kAudioDevice);
         ASSERT_NE(audio_, nullptr);
         ASSERT_EQ(quarvel_audio_output_setup(audio_, &params_), 0);
-    }
-    void wait_for_threads(int expected) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (ruvo_kit::thread_count() > expected && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 
     static constexpr const char* kAudioDevice = "/dev/snd/comprC0D0";
@@ -291,7 +285,7 @@ TEST_F(CallCost, a_hand_back_is_7_requests_and_one_mixer_write_on_its_thread) {
     const int threads = ruvo_kit::thread_count();
     const Cost c = measure([&] {
         quarvel_video_output_notify_ta_switch(video_);
-        wait_for_threads(threads);
+        ruvo_kit::wait_for_threads_to_end(threads, std::chrono::seconds(30));
     });
     // The calling thread's requests in order; the mute thread's come in between.
     Names caller, thread;

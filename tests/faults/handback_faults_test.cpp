@@ -1,7 +1,6 @@
 // Fault matrix of the hand-back to broadcast video: the calling thread's requests, and the
 // mixer requests of the detached audio-mute thread it starts.
 #include <chrono>
-#include <thread>
 
 #include "fault_matrix.h"
 #include "mixer_faults.h"
@@ -44,10 +43,8 @@ class HandbackFaults : public FaultMatrix {
 
     // The detached thread writes the mixer control and ends; waits for it, within a bound.
     void wait_for_mute_thread() {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (ruvo_kit::thread_count() > threads_before_ && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        ASSERT_LE(ruvo_kit::thread_count(), threads_before_) << "the audio-mute thread did not end";
+        ASSERT_TRUE(ruvo_kit::wait_for_threads_to_end(threads_before_, std::chrono::seconds(30)))
+            << "the audio-mute thread did not end";
     }
 
     std::vector<std::string> caller_lines(const std::vector<std::string>& all) {

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <thread>
 
 #include "ruvo_kit/threads.h"
 #include "test_support.h"
@@ -51,23 +50,17 @@ class BroadcastHandback : public PlatformTest {
         settle();
     }
 
-    // The detached audio-mute thread writes the mixer control and ends; waits for both,
-    // within a bound, by polling the emulated card and the thread list.
+    // The detached audio-mute thread writes the mixer control and ends: waits, within a
+    // bound, for it to end, then looks for its writes on the emulated card.
     bool wait_for_audio_mute(size_t writes_expected = 1) {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (std::chrono::steady_clock::now() < deadline) {
-            size_t mutes = 0;
-            {
-                std::lock_guard<emutv::PlatformMutex> g(tv().mutex());
-                for (const auto& w : tv().sound().writes)
-                    if (w.name == "main out mute" && w.value == 1)
-                        mutes++;
-            }
-            if (mutes >= writes_expected && ruvo_kit::thread_count() <= threads_before_)
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return false;
+        if (!ruvo_kit::wait_for_threads_to_end(threads_before_, std::chrono::seconds(30)))
+            return false;
+        size_t mutes = 0;
+        std::lock_guard<emutv::PlatformMutex> g(tv().mutex());
+        for (const auto& w : tv().sound().writes)
+            if (w.name == "main out mute" && w.value == 1)
+                mutes++;
+        return mutes >= writes_expected;
     }
 
     // Lines without the audio-mute thread's own line, which may land anywhere.

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <thread>
 #include <utility>
 
 #include "handle_catch.h"
@@ -88,18 +87,12 @@ std::vector<std::string> Concat(std::initializer_list<std::vector<std::string>> 
 }
 
 bool WaitForAudioMute(int threads) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (std::chrono::steady_clock::now() < deadline) {
-        bool written = false;
-        {
-            std::lock_guard<emutv::PlatformMutex> g(emutv::platform().mutex());
-            for (const auto& w : emutv::platform().sound().writes)
-                written = written || w.name == "main out mute";
-        }
-        if (written && ruvo_kit::thread_count() <= threads)
+    if (!ruvo_kit::wait_for_threads_to_end(threads, std::chrono::seconds(30)))
+        return false;
+    std::lock_guard<emutv::PlatformMutex> g(emutv::platform().mutex());
+    for (const auto& w : emutv::platform().sound().writes)
+        if (w.name == "main out mute")
             return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
     return false;
 }
 

@@ -78,8 +78,9 @@ std::vector<std::string> DrawRequests(int buffer, int width, int height, int cal
 
 std::vector<std::string> Concat(std::initializer_list<std::vector<std::string>> parts);
 
-// Waits, within a bound, until the audio-mute thread has written "main out mute" and the
-// process is back to `threads` threads. False when the bound passed first.
+// Waits, within a bound, until the process is back to `threads` threads (the audio-mute
+// thread has ended), then tells whether it wrote "main out mute". False when the bound
+// passed first or nothing was written.
 bool WaitForAudioMute(int threads);
 
 class OsdTest : public spine::SpineTest {
