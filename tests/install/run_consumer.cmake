@@ -1,7 +1,10 @@
 # One step of the installed-tree checks, run by CTest (tests/install/CMakeLists.txt):
 #
-#   STEP=install       install the runtime, devel and emutv components into PREFIX
+#   STEP=install       install the runtime, devel and emutv components into PREFIX, and
+#                      the gstreamer component when the plugin was built (PLUGIN=1)
 #   STEP=ldd           every installed library resolves what it needs (nothing "not found")
+#   STEP=gst_plugin    the installed plugin resolves the installed library, and
+#                      gst-inspect-1.0 (GST_INSPECT) finds both elements in it
 #   STEP=find_package  build consumer/ with find_package against PREFIX, run it on the TV
 #   STEP=pkg_config    build consumer/consumer.cpp with pkg-config's flags, run it on the TV
 #   STEP=emutv_alone   the emulator installed on its own prefix, the library (runtime
@@ -90,7 +93,11 @@ endfunction()
 
 if(STEP STREQUAL "install")
   file(REMOVE_RECURSE ${PREFIX})
-  foreach(component runtime devel emutv)
+  set(components runtime devel emutv)
+  if(PLUGIN)
+    list(APPEND components gstreamer)
+  endif()
+  foreach(component ${components})
     run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFIX} --component ${component})
   endforeach()
   file(READ ${libdir}/pkgconfig/ruvo_avsink_interface.pc pc)
@@ -107,6 +114,20 @@ elseif(STEP STREQUAL "ldd")
   endforeach()
   check_resolves(${emutv} "")
   expect_resolved(libhmx_pqmgr_client.so.1 ${libdir}/emutv)
+
+elseif(STEP STREQUAL "gst_plugin")
+  set(plugin_dir ${libdir}/gstreamer-1.0)
+  check_resolves(${plugin_dir}/libgstruvo.so "")
+  expect_resolved(libruvo_avsink_interface.so.1 ${plugin_dir}/..)
+  # A registry of its own, so that nothing cached elsewhere answers for the installed file.
+  foreach(element ruvovideosink ruvoaudiosink)
+    run(${CMAKE_COMMAND} -E env --unset=LD_LIBRARY_PATH GST_PLUGIN_PATH=${plugin_dir}
+        GST_REGISTRY=${WORK}/registry.bin ${GST_INSPECT} ${element})
+    string(FIND "${run_output}" "${plugin_dir}/libgstruvo.so" at)
+    if(at EQUAL -1)
+      message(FATAL_ERROR "${element} was not loaded from ${plugin_dir}")
+    endif()
+  endforeach()
 
 elseif(STEP STREQUAL "find_package")
   set(build ${WORK}/find_package)
