@@ -59,6 +59,7 @@ struct Stats {
     guint64 reports = 0;
     guint64 reopens = 0;
     guint64 failures = 0;
+    guint64 late = 0;
 };
 
 constexpr gint64 kMaxWaitUs = 100000;
@@ -87,6 +88,7 @@ struct RuvoAudioSinkState {
     StreamConfig config;   // the setup in force
     StreamConfig pending;  // caps waiting for the stream before them to drain
     bool switch_pending = false;
+    bool after_switch = false;     // the stream to come follows a drained one without a flush
     bool stream_started = false;   // blocks written since the last setup or stop
     std::vector<uint8_t> scratch;  // a frame with the ADTS header the element writes
 
@@ -377,16 +379,26 @@ static GstFlowReturn count_failure_locked(RuvoAudioSink* self, const char* what,
     return GST_FLOW_OK;
 }
 
+// The time on this element's clock at which a block of running time `running` is due.
+// False when the pipeline runs on another clock, or the block has no running time.
+static bool due_on_own_clock(RuvoAudioSink* self, GstClockTime running, uint64_t* due) {
+    GST_OBJECT_LOCK(self);
+    const bool on_own_clock = GST_ELEMENT_CLOCK(self) == self->s->clock;
+    GST_OBJECT_UNLOCK(self);
+    if (!on_own_clock || !GST_CLOCK_TIME_IS_VALID(running))
+        return false;
+    *due = gst_element_get_base_time(GST_ELEMENT(self)) + running;
+    return true;
+}
+
 // A new stream's first block: its device time follows on from what was heard, or, when
 // the pipeline runs on this element's clock, from the block's own running time.
 static void start_timeline_locked(RuvoAudioSink* self, GstClockTime running) {
     RuvoAudioSinkState* s = self->s;
     uint64_t start = s->last_heard;
-    GST_OBJECT_LOCK(self);
-    const bool on_own_clock = GST_ELEMENT_CLOCK(self) == s->clock;
-    GST_OBJECT_UNLOCK(self);
-    if (on_own_clock && GST_CLOCK_TIME_IS_VALID(running))
-        start = std::max<uint64_t>(start, gst_element_get_base_time(GST_ELEMENT(self)) + running);
+    uint64_t due = 0;
+    if (due_on_own_clock(self, running, &due))
+        start = std::max<uint64_t>(start, due);
     s->timeline.restart(start);
     s->drained = false;
     s->running_origin = GST_CLOCK_TIME_IS_VALID(running) ? running : 0;
@@ -487,6 +499,7 @@ static void stop_stream_locked(RuvoAudioSinkState* s) {
         quarvel_audio_output_stop(s->out);
     }
     s->stream_started = false;
+    s->after_switch = false;
     s->have_report = false;
     s->starved = false;
     start_idle_clock_locked(s);
@@ -500,7 +513,26 @@ static GstFlowReturn switch_stream_locked(RuvoAudioSink* self) {
         return ret;
     stop_stream_locked(s);
     s->switch_pending = false;
+    s->after_switch = true;
     return setup_output_locked(self, s->pending) ? GST_FLOW_OK : GST_FLOW_NOT_NEGOTIATED;
+}
+
+// A stream spliced after a drained one (an advertisement after a programme) may begin
+// before the one before it ended: its first frames are due at a time the clock has
+// already passed. Played, they would put the sound behind the picture by the overlap for
+// the whole stream; so a frame that is due more than half its length in the past is left
+// out, until one is due.
+static bool already_passed_locked(RuvoAudioSink* self, GstClockTime running, uint64_t duration) {
+    RuvoAudioSinkState* s = self->s;
+    if (!s->after_switch || s->stream_started)
+        return false;
+    uint64_t due = 0;
+    if (!due_on_own_clock(self, running, &due) || due + duration / 2 >= heard_now_locked(s)) {
+        s->after_switch = false;
+        return false;
+    }
+    s->stats.late++;
+    return true;
 }
 
 static uint64_t block_duration(const RuvoAudioSinkState* s, GstBuffer* buffer) {
@@ -553,12 +585,21 @@ static GstFlowReturn ruvo_audio_sink_render(GstBaseSink* bsink, GstBuffer* buffe
         GST_ELEMENT_WARNING(self, STREAM, FORMAT, ("An AAC frame too large for ADTS was dropped."),
                             ("%" G_GSIZE_FORMAT " bytes", map.size));
     } else if (ret == GST_FLOW_OK && size > 0) {
-        if (!s->stream_started)
-            start_timeline_locked(
-                self, gst_segment_to_running_time(&bsink->segment, GST_FORMAT_TIME, GST_BUFFER_PTS(buffer)));
-        const uint64_t device_ns =
-            static_cast<uint64_t>(static_cast<double>(block_duration(s, buffer)) / s->rate);
-        ret = write_block_locked(self, data, size, device_ns);
+        // Only a stream's first block needs its running time.
+        const GstClockTime running =
+            s->stream_started
+                ? GST_CLOCK_TIME_NONE
+                : gst_segment_to_running_time(&bsink->segment, GST_FORMAT_TIME, GST_BUFFER_PTS(buffer));
+        if (already_passed_locked(self, running, block_duration(s, buffer))) {
+            GST_LOG_OBJECT(self, "frame at %" GST_TIME_FORMAT " is already past after the switch: left out",
+                           GST_TIME_ARGS(GST_BUFFER_PTS(buffer)));
+        } else {
+            if (!s->stream_started)
+                start_timeline_locked(self, running);
+            const uint64_t device_ns =
+                static_cast<uint64_t>(static_cast<double>(block_duration(s, buffer)) / s->rate);
+            ret = write_block_locked(self, data, size, device_ns);
+        }
     }
     s->lock.unlock();
     gst_buffer_unmap(buffer, &map);
@@ -874,7 +915,7 @@ static GstStructure* stats_structure(RuvoAudioSinkState* s) {
                              st.no_space, "underruns", G_TYPE_UINT64, st.underruns, "delay", G_TYPE_UINT64,
                              delay, "waits", G_TYPE_UINT64, st.waits, "reports", G_TYPE_UINT64, st.reports,
                              "reopens", G_TYPE_UINT64, st.reopens, "failures", G_TYPE_UINT64, st.failures,
-                             nullptr);
+                             "late", G_TYPE_UINT64, st.late, nullptr);
 }
 
 static void ruvo_audio_sink_set_property(GObject* object, guint id, const GValue* value, GParamSpec* pspec) {
@@ -991,7 +1032,8 @@ static void ruvo_audio_sink_class_init(RuvoAudioSinkClass* klass) {
         g_param_spec_boxed(
             "stats", "Statistics",
             "bytes-pushed, blocks-pushed, no-space (answers met), underruns, delay (ns queued in "
-            "the decoder), waits, reports (playback reports read), reopens, failures",
+            "the decoder), waits, reports (playback reports read), reopens, failures, late (frames "
+            "left out after a codec switch because the clock had passed them)",
             GST_TYPE_STRUCTURE, static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS)));
 
     gst_element_class_set_static_metadata(

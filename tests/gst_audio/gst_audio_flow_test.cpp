@@ -10,6 +10,9 @@ using Writes = std::vector<std::pair<std::string, long>>;
 
 namespace {
 
+constexpr char kAc3Caps[] =
+    "audio/x-ac3, framed=(boolean)true, alignment=(string)frame, channels=(int)2, rate=(int)48000";
+
 // The driver's remain answer for `ns` of decoded 2-channel audio (48 kHz, 16-bit).
 uint64_t remain_for(GstClockTime ns) {
     return (ns * 48000 + GST_SECOND / 2) / GST_SECOND * 4;
@@ -37,6 +40,22 @@ class Flow : public GstAudioTest {
     }
     bool query_position(gint64* position) {
         return gst_element_query_position(sink(), GST_FORMAT_TIME, position);
+    }
+    // The driver's stream counts afresh after the stop.
+    void counts_afresh_after_stop() {
+        tv().set_listener([](const emutv::Event& e) {
+            if (e.name == "SNDRV_COMPRESS_STOP")
+                emutv::platform().compr().copied_total = 0;
+        });
+    }
+    // A programme of 4 AAC blocks from `first_pts`, all played; then AC-3 caps, the switch
+    // waiting for the next block.
+    void play_out_a_programme_then_ac3_caps(GstClockTime first_pts) {
+        for (int i = 0; i < 4; ++i)
+            ASSERT_EQ(push(400, first_pts + i * kFrame), GST_FLOW_OK);
+        script([](emutv::ComprModel& c) { c.copied_total = 1600; });
+        gst_harness_set_src_caps_str(h_, kAc3Caps);
+        counts_afresh_after_stop();
     }
     void set_state(GstState state) {
         gst_element_set_state(sink(), state);
@@ -187,11 +206,7 @@ TEST_F(Flow, a_codec_switch_drains_stops_and_sets_up_again) {
         "rate=(int)48000");
     EXPECT_EQ(tv().count("SNDRV_COMPRESS_SET_PARAMS"), 0u);  // not before the stream played out
     tv().clear_events();
-    // The driver's stream counts afresh after the stop.
-    tv().set_listener([](const emutv::Event& e) {
-        if (e.name == "SNDRV_COMPRESS_STOP")
-            emutv::platform().compr().copied_total = 0;
-    });
+    counts_afresh_after_stop();
     ASSERT_EQ(push(768), GST_FLOW_OK);
     auto requests = compr_requests();
     // The drain's report, then stop, setup of 6 channels, the new stream's report and block.
@@ -207,6 +222,40 @@ TEST_F(Flow, a_codec_switch_drains_stops_and_sets_up_again) {
     auto params = tv().events("SNDRV_COMPRESS_SET_PARAMS");
     ASSERT_EQ(params.size(), 1u);
     EXPECT_EQ(params[0].field("ch_in"), 6);
+}
+
+// An advertisement spliced after a programme may begin before the programme ended. On the
+// element's own clock the frames that clock already passed are left out, and the first one
+// still due starts the stream: the sound stays with the picture.
+TEST_F(Flow, after_a_codec_switch_the_frames_the_clock_already_passed_are_left_out) {
+    start_with_caps();
+    GstClock* own = gst_element_provide_clock(sink());
+    ASSERT_TRUE(gst_element_set_clock(sink(), own));
+    gst_object_unref(own);
+    gst_element_set_base_time(sink(), 0);  // running time is the clock's time
+    const GstClockTime start = clock_time();
+    play_out_a_programme_then_ac3_caps(start);
+    const GstClockTime programme_end = start + 4 * kFrame;
+    const GstClockTime ac3_frame = 32 * GST_MSECOND;
+    tv().clear_events();
+    // Due 20 ms before the programme's end, more than half a frame: already heard over.
+    ASSERT_EQ(gst_harness_push(h_, block(768, programme_end - 20 * GST_MSECOND, ac3_frame)), GST_FLOW_OK);
+    EXPECT_EQ(count("SNDRV_COMPRESS_SET_PARAMS"), 1u);
+    EXPECT_EQ(count("write"), 0u);
+    ASSERT_EQ(gst_harness_push(h_, block(768, programme_end + 500 * GST_MSECOND, ac3_frame)), GST_FLOW_OK);
+    EXPECT_EQ(count("write"), 1u);
+    EXPECT_EQ(count("SNDRV_COMPRESS_START"), 1u);
+    EXPECT_EQ(stat("late"), 1u);
+}
+
+// On another clock the element cannot tell when a frame is due: after a switch every frame
+// is written.
+TEST_F(Flow, after_a_codec_switch_on_another_clock_every_frame_is_written) {
+    start_with_caps();
+    play_out_a_programme_then_ac3_caps(0);
+    tv().clear_events();
+    ASSERT_EQ(gst_harness_push(h_, block(768, 0, 32 * GST_MSECOND)), GST_FLOW_OK);
+    EXPECT_EQ(count("write"), 1u);
 }
 
 TEST_F(Flow, the_clock_is_the_time_leaving_the_decoder_and_stands_while_paused) {

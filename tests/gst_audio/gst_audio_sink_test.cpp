@@ -242,11 +242,7 @@ TEST_F(GstAudioTest, the_library_counts_every_byte_written_so_its_delay_is_exact
     script([](emutv::ComprModel& c) { c.copied_total = 1000; });
     // Draining waits for those 113 bytes: the element reads them in transit.
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    GstStructure* st = nullptr;
-    g_object_get(sink(), "stats", &st, nullptr);
-    guint64 delay = 0;
-    ASSERT_TRUE(gst_structure_get_uint64(st, "delay", &delay));
-    gst_structure_free(st);
+    const guint64 delay = stat("delay");
     // 113 of 1113 bytes still in transit: the last 113 bytes of the third frame.
     const double frame_share = 113.0 / 371.0;
     EXPECT_NEAR(static_cast<double>(delay), frame_share * gst_audio_test::kFrame,
