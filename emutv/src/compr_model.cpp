@@ -180,6 +180,8 @@ long ComprModel::write(int, const void* buf, size_t n, Event& ev, int*) {
     if (modelled(*this)) {
         configure_decoder(*this);
         n = decoder.write(static_cast<const uint8_t*>(buf), n);
+        if (n > 0)
+            detail::timeline_audio_data(buf, n);
         if (decoder.undecodable_last_write())
             ev.fields["undecodable"] = static_cast<long long>(decoder.undecodable_last_write());
     }

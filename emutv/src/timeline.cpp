@@ -14,9 +14,11 @@
 #include <drm.h>
 #include <drm_mode.h>
 #include <sound/asound.h>
+#include <sound/compress_offload.h>
 
 #include "core.h"
 #include "emutv/audio_decoder.h"
+#include "emutv/fingerprint.h"
 #include "ruvo/driver/sdp_drm.h"
 #include "ruvo/driver/vplt_ioctl.h"
 #include "timeline_internal.h"
@@ -205,6 +207,11 @@ void note_mixer_write(Timeline& t) {
         emit_event(t, "volume", w.name + "=" + std::to_string(w.value));
 }
 
+bool sets_up_or_stops_the_decoder(const Event& ev) {
+    return ev.kind == Kind::Open || (ev.kind == Kind::Ioctl && (ev.request == SNDRV_COMPRESS_SET_PARAMS ||
+                                                                ev.request == SNDRV_COMPRESS_STOP));
+}
+
 }  // namespace
 
 void timeline_observe(const Event& ev) {
@@ -217,6 +224,11 @@ void timeline_observe(const Event& ev) {
         const bool probe = ev.kind == Kind::Open && ev.err == ENOENT;
         if (logging(t) && ev.kind != Kind::Call && !probe)
             emit_event(t, "failed", ev.name + (ev.err ? std::string(" ") + strerror(ev.err) : std::string()));
+        return;
+    }
+    if (ev.device == Device::Compr) {
+        if (sets_up_or_stops_the_decoder(ev))
+            t.audio_stream_fresh = true;
         return;
     }
     if (ev.device == Device::SoundCtl && ev.kind == Kind::Ioctl && ev.request == SNDRV_CTL_IOCTL_ELEM_WRITE) {
@@ -256,6 +268,14 @@ void timeline_observe(const Event& ev) {
         t.pts = core().model<VpltModel>(Device::Vplt).last_pts;
         t.pts_since.push_back(t.pts);
     }
+}
+
+void timeline_audio_data(const void* data, size_t size) {
+    Timeline& t = timeline();
+    if (!t.audio_stream_fresh)
+        return;
+    t.audio_stream_fresh = false;
+    emit_event(t, "audio-stream", "tail=" + audio_tail_fingerprint(static_cast<const uint8_t*>(data), size));
 }
 
 void timeline_reset() {

@@ -45,6 +45,7 @@ struct Timeline {
     size_t mixer_writes_seen = 0;
     long rate_percent = 100;
     bool audio_muted = false;
+    bool audio_stream_fresh = true;  // no data written since the decoder was set up or stopped
 
     std::function<void(const TimelineEntry&)> listener;
     int log_fd = -1;
@@ -62,6 +63,12 @@ void timeline_sync();
 
 // What a request that reached a driver changed on the plane.
 void timeline_observe(const Event& ev);
+
+// Data the modelled audio decoder took (the bytes a write accepted, which the decoder
+// parsed): the first of each stream, after the
+// decoder's open, setup or stop, is logged as an "audio-stream" event with the fingerprint
+// of its tail (emutv/fingerprint.h).
+void timeline_audio_data(const void* data, size_t size);
 
 // Back to the power-on state: the virtual clock at zero, the vsync grid starting now
 // (clock mode and log file stay).

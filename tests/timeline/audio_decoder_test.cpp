@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "emutv/audio_decoder.h"
+#include "emutv/fingerprint.h"
 #include "emutv/timeline.h"
 #include "ruvo/quarvel_audio_output.h"
 #include "ruvo_internal_audio.h"
@@ -285,6 +286,8 @@ class DecoderOnPlatform : public ruvo_test::PlatformTest {
         tv().set_timeline_listener([this](const emutv::TimelineEntry& e) {
             if (e.type == emutv::TimelineEntry::Type::Audio)
                 audio_.push_back(e);
+            else if (e.type == emutv::TimelineEntry::Type::Event && e.what == "audio-stream")
+                stream_starts_.push_back(e.detail);
         });
         out_ = quarvel_audio_output_open("/dev/snd/comprC0D0");
         ASSERT_NE(out_, nullptr);
@@ -306,6 +309,7 @@ class DecoderOnPlatform : public ruvo_test::PlatformTest {
 
     quarvel_audio_output_s* out_ = nullptr;
     std::vector<emutv::TimelineEntry> audio_;
+    std::vector<std::string> stream_starts_;
 };
 
 TEST_F(DecoderOnPlatform, mute_silences_without_stopping_the_clock) {
@@ -330,6 +334,29 @@ TEST_F(DecoderOnPlatform, mute_silences_without_stopping_the_clock) {
     EXPECT_EQ(muted_played, 9600u) << "muted, the decoder plays on in silence: 200 ms of frames";
     EXPECT_EQ(audio_.back().media_us, 600000);
     EXPECT_EQ(audio_.back().frames, 28800u);
+}
+
+// The first block of each stream is named in the timeline by the fingerprint of its tail,
+// so that a player can tell which of its buffers started the stream.
+TEST_F(DecoderOnPlatform, each_streams_first_block_is_marked_with_the_fingerprint_of_its_tail) {
+    const auto first = adts_stream(0.1, 400);
+    const auto second = adts_stream(0.1, 300);
+    const auto after_stop = adts_stream(0.2, 200);
+    at_ms(0);
+    push(first);
+    push(second);
+    ASSERT_EQ(quarvel_audio_output_stop(out_), 0);
+    push(after_stop);
+    ASSERT_EQ(stream_starts_.size(), 2u);
+    EXPECT_EQ(stream_starts_[0], "tail=" + emutv::audio_tail_fingerprint(first.data(), first.size()));
+    EXPECT_EQ(stream_starts_[1],
+              "tail=" + emutv::audio_tail_fingerprint(after_stop.data(), after_stop.size()));
+    EXPECT_NE(stream_starts_[0], stream_starts_[1]);
+    // The tail alone: a header put in front does not change it.
+    std::vector<uint8_t> with_header(7, 0xff);
+    with_header.insert(with_header.end(), first.end() - 32, first.end());
+    EXPECT_EQ(emutv::audio_tail_fingerprint(with_header.data(), with_header.size()),
+              emutv::audio_tail_fingerprint(first.data(), first.size()));
 }
 
 TEST_F(DecoderOnPlatform, the_rate_control_scales_the_pace_and_the_timeline_says_so) {
