@@ -94,6 +94,26 @@ TEST(ConformanceFigures, a_picture_ahead_of_the_sound_shows_as_a_positive_offset
     EXPECT_DOUBLE_EQ(f.av_p50_ms, 0);
 }
 
+// The decoder names the block its stream started with; the sink had left the first buffer
+// out (a late frame after a codec switch), so the stream begins 20 ms later in media time.
+TEST(ConformanceFigures, the_stream_starts_with_the_block_the_decoder_named) {
+    const std::string started = "{\"type\":\"event\",\"pid\":1,\"t_ns\":" + std::to_string(kT0 - 10 * kMs) +
+                                ",\"what\":\"audio-stream\",\"detail\":\"tail=0000beef\"}\n";
+    RunResult r = run_from_start();
+    r.audio_candidates = {{kT0 - 50 * kMs, -20 * kMs, "0000dead"}, {kT0 - 30 * kMs, 0, "0000beef"}};
+    Timeline tl = load(started + timeline_text(500, -20));
+    ASSERT_EQ(tl.audio_streams.size(), 1u);
+    EXPECT_EQ(tl.audio_streams[0].tail, "0000beef");
+    // Sound 20 ms behind, from the named block (PTS 0): in sync.
+    Figures f = compute_figures(scenario(), r, tl, nullptr);
+    EXPECT_DOUBLE_EQ(f.av_max_ms, 20);
+    EXPECT_DOUBLE_EQ(f.av_p50_ms, 0);
+    // Were the first buffer taken as the start (PTS -20 ms), the sound would seem 40 ms behind.
+    r.audio_candidates[1].tail = "00000000";
+    r.audio_bases = {{kT0 - 50 * kMs, -20 * kMs}};
+    EXPECT_DOUBLE_EQ(compute_figures(scenario(), r, tl, nullptr).av_max_ms, 40);
+}
+
 TEST(ConformanceFigures, a_display_index_never_latched_counts_as_dropped) {
     Figures f = compute_figures(scenario(), run_from_start(), load(timeline_text(100, 0, 20)), nullptr);
     EXPECT_EQ(f.dropped, 1u);

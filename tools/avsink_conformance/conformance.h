@@ -48,10 +48,10 @@ struct Clip {
     std::string description;
     std::string pipeline;  // gst-launch description writing to @OUT@
     std::string file;      // file name inside the media directory
+    // Or, with no pipeline: the files of these clips, one after the other.
+    std::vector<std::string> parts = {};
 };
 const std::vector<Clip>& clips();
-// The clips a media name plays, in order (a playlist is played gaplessly).
-std::vector<std::string> playlist(const std::string& media);
 // Makes (once) the clip `name` in `dir`; returns its path, or "" with *error set.
 std::string make_clip(const std::string& dir, const std::string& name, std::string* error);
 
@@ -81,6 +81,13 @@ struct RunOptions {
     std::string audio_sink = "ruvoaudiosink";
     std::string media_dir = "out/media";
     bool quiet = false;
+    bool playbin3 = false;  // play through playbin3 instead of playbin
+};
+
+struct AudioCandidate {
+    int64_t mono_ns = 0;  // CLOCK_MONOTONIC when it reached the sink's pad
+    int64_t pts_ns = 0;
+    std::string tail;  // emutv::audio_tail_fingerprint of its bytes
 };
 
 struct RunResult {
@@ -102,6 +109,12 @@ struct RunResult {
     // (CLOCK_MONOTONIC, PTS) of the first audio buffer after the start and after each flush:
     // where the decoder's own media time begins.
     std::vector<std::pair<int64_t, int64_t>> audio_bases;
+    // The audio buffers that may start a decoder stream: the first ones at or after the segment
+    // start after the start, each flush and each stream start, with the fingerprint of their
+    // tail (emutv/fingerprint.h). The emulated decoder names the block that started each of its
+    // streams by that fingerprint ("audio-stream"), so the sink's choice of first block (one
+    // left out after a codec switch) is seen as it was.
+    std::vector<AudioCandidate> audio_candidates;
     // (CLOCK_MONOTONIC, PTS) of the first video buffer after each flush: where a seek landed.
     std::vector<std::pair<int64_t, int64_t>> video_landings;
     bool clock_is_audio_sink = false;  // the pipeline ran on the audio sink's clock
@@ -130,9 +143,16 @@ struct AudioEntry {
     bool playing = true;
 };
 
+// The first block of a decoder stream, as the emulated decoder logged it.
+struct AudioStreamStart {
+    int64_t t_ns = 0;  // CLOCK_MONOTONIC of the write
+    std::string tail;  // its fingerprint
+};
+
 struct Timeline {
     std::vector<VsyncEntry> vsyncs;
     std::vector<AudioEntry> audio;
+    std::vector<AudioStreamStart> audio_streams;
     int64_t vsync_period_ns = 20000000;
 };
 

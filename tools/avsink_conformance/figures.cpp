@@ -63,9 +63,41 @@ const VsyncEntry* panel_at(const Timeline& tl, int64_t t) {
     return &*(it - 1);
 }
 
+using StreamBases = std::vector<std::pair<int64_t, int64_t>>;
+
+// The PTS of the buffer whose tail the decoder logged at the start of its stream: the latest
+// candidate with that fingerprint handed to the sink before the write.
+bool matched_base(const RunResult& r, const AudioStreamStart& start, int64_t* pts) {
+    for (auto c = r.audio_candidates.rbegin(); c != r.audio_candidates.rend(); ++c) {
+        if (c->mono_ns <= start.t_ns && c->tail == start.tail) {
+            *pts = c->pts_ns;
+            return true;
+        }
+    }
+    return false;
+}
+
+// (CLOCK_MONOTONIC, PTS) where each of the decoder's streams begins: the block the decoder
+// named, or (an older log, a block no candidate matches) the first buffer after the start.
+StreamBases stream_bases(const Timeline& tl, const RunResult& r) {
+    if (tl.audio_streams.empty())
+        return r.audio_bases;
+    StreamBases bases;
+    for (const AudioStreamStart& start : tl.audio_streams) {
+        int64_t pts = 0;
+        if (!matched_base(r, start, &pts)) {
+            for (auto& b : r.audio_bases)
+                if (b.first <= start.t_ns)
+                    pts = b.second;
+        }
+        bases.push_back({start.t_ns, pts});
+    }
+    return bases;
+}
+
 // The audio decoder's media time at a monotonic instant, on the stream's own time axis:
-// the decoder counts from its start; the base is the PTS of the first buffer after it.
-bool audio_at(const Timeline& tl, const RunResult& r, int64_t t, int64_t* media) {
+// the decoder counts from its start; the base is the PTS of the block it started with.
+bool audio_at(const Timeline& tl, const StreamBases& bases, int64_t t, int64_t* media) {
     auto it = std::upper_bound(tl.audio.begin(), tl.audio.end(), t,
                                [](int64_t x, const AudioEntry& e) { return x < e.t_ns; });
     if (it == tl.audio.begin())
@@ -74,7 +106,7 @@ bool audio_at(const Timeline& tl, const RunResult& r, int64_t t, int64_t* media)
     if (!a.playing)
         return false;
     int64_t base = 0;
-    for (auto& b : r.audio_bases)
+    for (auto& b : bases)
         if (b.first <= a.start_ns + 200000000)
             base = b.second;
     *media = base + a.media_ns + (a.rate_percent * (t - a.t_ns)) / 100;
@@ -147,6 +179,9 @@ bool read_timeline(const std::string& path, Timeline* out, std::string* error) {
             e.muted = j["muted"] == "true";
             e.latched = j["new"] == "true";
             tl.vsyncs.push_back(e);
+        } else if (type == "event" && j["what"] == "audio-stream" &&
+                   j["detail"].compare(0, 5, "tail=") == 0) {
+            tl.audio_streams.push_back({static_cast<int64_t>(num("t_ns")), j["detail"].substr(5)});
         } else if (type == "audio") {
             AudioEntry e;
             e.t_ns = static_cast<int64_t>(num("t_ns"));
@@ -172,6 +207,7 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
     f.bus_errors = r.errors.size();
     const int64_t settle = 200000000;  // 200 ms after a start, resume or seek
     int64_t t0 = tl.vsyncs.empty() ? 0 : tl.vsyncs.front().t_ns;
+    const StreamBases bases = stream_bases(tl, r);
 
     // A/V offset at each vsync in steady play. The frame on the panel stands for the media
     // interval [pts, pts + frame duration): the offset is how far the audio leaving the decoder
@@ -182,7 +218,7 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
         if (v.pts_ns < 0 || v.muted || in_transition(r, v.t_ns) || near_resume(r, v.t_ns, settle))
             continue;
         int64_t a = 0;
-        if (!audio_at(tl, r, v.t_ns, &a))
+        if (!audio_at(tl, bases, v.t_ns, &a))
             continue;
         int64_t off = a < v.pts_ns ? v.pts_ns - a : (a > v.pts_ns + frame ? v.pts_ns + frame - a : 0);
         double ms = off / 1e6;
@@ -251,7 +287,7 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
         if (last >= 0 && v.index > last + 1 && !in_transition(r, v.t_ns) && !near_resume(r, v.t_ns, settle))
             f.dropped += v.index - last - 1;
         int64_t unused = 0;
-        bool steady = audio_at(tl, r, since, &unused) && audio_at(tl, r, v.t_ns, &unused) &&
+        bool steady = audio_at(tl, bases, since, &unused) && audio_at(tl, bases, v.t_ns, &unused) &&
                       !in_transition(r, v.t_ns) && !near_resume(r, v.t_ns, settle);
         if (last >= 0 && tl.vsync_period_ns > 0) {
             double n = static_cast<double>(v.t_ns - since) / tl.vsync_period_ns;

@@ -43,6 +43,9 @@ bool write_samples(const std::string& path, const RunResult& r) {
         fprintf(f, "video-landing %lld %lld\n", (long long)b.first, (long long)b.second);
     for (auto& b : r.audio_bases)
         fprintf(f, "audio-base %lld %lld\n", (long long)b.first, (long long)b.second);
+    for (auto& c : r.audio_candidates)
+        fprintf(f, "audio-candidate %lld %lld %s\n", (long long)c.mono_ns, (long long)c.pts_ns,
+                c.tail.c_str());
     fprintf(f, "play %lld\n", (long long)r.play_mono_ns);
     fprintf(f, "frames %llu %llu\n", (unsigned long long)r.frames_rendered,
             (unsigned long long)r.frames_dropped);
@@ -94,6 +97,10 @@ bool read_samples(const std::string& path, RunResult* out) {
             r.resume_mono_ns.push_back(t);
         } else if (k == "audio-base") {
             r.audio_bases.push_back(read_pair(v));
+        } else if (k == "audio-candidate") {
+            AudioCandidate c;
+            v >> c.mono_ns >> c.pts_ns >> c.tail;
+            r.audio_candidates.push_back(c);
         } else if (k == "video-landing") {
             r.video_landings.push_back(read_pair(v));
         } else if (k == "play") {
