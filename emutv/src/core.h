@@ -32,6 +32,7 @@ struct Fault {
     int err = 0;
     int32_t status = 0;
     int times = 1;  // -1: for ever
+    int skip = 0;   // matching calls that pass before the first failure
 };
 
 // One row per kind of device: its name in the record, the node paths the emulator owns

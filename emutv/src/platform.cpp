@@ -180,6 +180,10 @@ bool Core::take_fault(const std::string& name, Fault* out) {
     if (it == faults.end() || it->second.empty())
         return false;
     Fault& f = it->second.front();
+    if (f.skip > 0) {
+        --f.skip;
+        return false;
+    }
     *out = f;
     if (f.times > 0 && --f.times == 0)
         it->second.pop_front();
@@ -388,29 +392,32 @@ HalMode Platform::hal() const {
     return c.hal;
 }
 
-void Platform::fail(const std::string& request, int err, int times) {
+namespace {
+
+void add_fault(const std::string& request, detail::Fault f, int times, int at) {
     if (times == 0)
         return;
+    f.times = times;
+    f.skip = at > 1 ? at - 1 : 0;
     detail::Inside inside;
     auto& c = core();
     std::lock_guard<PlatformMutex> g(c.mu);
-    detail::Fault f;
-    f.err = err;
-    f.times = times;
     c.faults[request].push_back(f);
 }
 
-void Platform::fail_status(const std::string& request, int32_t status, int times) {
-    if (times == 0)
-        return;
-    detail::Inside inside;
-    auto& c = core();
-    std::lock_guard<PlatformMutex> g(c.mu);
+}  // namespace
+
+void Platform::fail(const std::string& request, int err, int times, int at) {
+    detail::Fault f;
+    f.err = err;
+    add_fault(request, f, times, at);
+}
+
+void Platform::fail_status(const std::string& request, int32_t status, int times, int at) {
     detail::Fault f;
     f.is_status = true;
     f.status = status;
-    f.times = times;
-    c.faults[request].push_back(f);
+    add_fault(request, f, times, at);
 }
 
 void Platform::clear_faults() {

@@ -3,6 +3,7 @@
 #include <linux/videodev2.h>
 #include <string.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -36,12 +37,14 @@ const std::vector<PlatformDef>& platform_commands() {
          PlatformCmd::Fail,
          {{"request", T::Request, 0, 0, true, true},
           {"errno", T::Errno, 1, 4095, true, true},
-          {"times", T::Times, 1, 1000000, false, true}}},
+          {"times", T::Times, 1, 1000000, false, true},
+          {"at", T::Int, 1, 1000000, false, false}}},
         {"status",
          PlatformCmd::Status,
          {{"request", T::Request, 0, 0, true, true},
           {"status", T::Int, kI32Min, kI32Max, true, true},
-          {"times", T::Times, 1, 1000000, false, true}}},
+          {"times", T::Times, 1, 1000000, false, true},
+          {"at", T::Int, 1, 1000000, false, false}}},
         {"clear-faults", PlatformCmd::ClearFaults, {}},
         {"panel",
          PlatformCmd::Panel,
@@ -69,6 +72,24 @@ const std::vector<PlatformDef>& platform_commands() {
          PlatformCmd::Compr,
          {{"buffer", T::Int, 1, 16 << 20, false, false}, {"dsp", T::Int, 0, 16 << 20, false, false}}},
         {"logmask", PlatformCmd::Logmask, {{"value", T::Int, kI32Min, kI32Max, true, true}}},
+        {"drm-empty", PlatformCmd::DrmEmpty, {}},
+        {"crtc", PlatformCmd::Crtc, {{"id", T::Int, 1, kU32Max, true, true}}},
+        {"encoder",
+         PlatformCmd::Encoder,
+         {{"id", T::Int, 1, kU32Max, true, true},
+          {"crtc", T::Int, 0, kU32Max, false, false},
+          {"possible", T::Int, 0, kU32Max, false, false}}},
+        {"connector",
+         PlatformCmd::Connector,
+         {{"id", T::Int, 1, kU32Max, true, true},
+          {"encoder", T::Int, 0, kU32Max, false, false},
+          {"connected", T::Bool, 0, 1, false, false},
+          {"panel", T::Size, 0, kMaxPanelSide, false, false}}},
+        {"plane",
+         PlatformCmd::Plane,
+         {{"id", T::Int, 1, kU32Max, true, true},
+          {"type", T::Int, 0, 2, false, false},
+          {"plane_type", T::Int, 0, kU32Max, false, false}}},
     };
     return table;
 }
@@ -146,6 +167,61 @@ void set_broadcast_frame(DecoderModel& decoder, const PlatformLine& line) {
     decoder.set_display_frame(w, h, static_cast<uint32_t>(line.num("aspect", cur.u.dec_info.aspectratio)),
                               static_cast<uint32_t>(line.num("framerate", cur.u.dec_info.framerate)),
                               static_cast<uint32_t>(line.num("port", cur.inputport)));
+}
+
+// The entry of `list` whose id is `id`, added at the end if there is none.
+template <typename Entry>
+Entry& entry_with_id(std::vector<Entry>& list, uint32_t id) {
+    for (auto& e : list)
+        if (e.id == id)
+            return e;
+    list.emplace_back();
+    list.back().id = id;
+    return list.back();
+}
+
+void set_drm_object(DrmModel& drm, const PlatformLine& line) {
+    const auto id = static_cast<uint32_t>(line.num("id", 0));
+    auto u32 = [&](const char* key, int64_t fallback) {
+        return static_cast<uint32_t>(line.num(key, fallback));
+    };
+    switch (line.cmd) {
+        case PlatformCmd::Crtc:
+            if (std::find(drm.crtcs.begin(), drm.crtcs.end(), id) == drm.crtcs.end())
+                drm.crtcs.push_back(id);
+            return;
+        case PlatformCmd::Encoder: {
+            DrmEncoder& e = entry_with_id(drm.encoders, id);
+            e.crtc_id = u32("crtc", e.crtc_id);
+            e.possible_crtcs = u32("possible", e.possible_crtcs ? e.possible_crtcs : 1);
+            return;
+        }
+        case PlatformCmd::Connector: {
+            DrmConnector& c = entry_with_id(drm.connectors, id);
+            c.encoder_id = u32("encoder", c.encoder_id);
+            c.encoders = c.encoder_id ? std::vector<uint32_t>{c.encoder_id} : std::vector<uint32_t>{};
+            c.connection = line.num("connected", c.connection == 1) ? 1 : 2;
+            if (line.args.count("panel")) {
+                c.mm_width = static_cast<uint32_t>(line.args.at("panel").v[0]);
+                c.mm_height = static_cast<uint32_t>(line.args.at("panel").v[1]);
+            }
+            return;
+        }
+        case PlatformCmd::Plane: {
+            DrmPlane& p = entry_with_id(drm.planes, id);
+            uint64_t type = u32("type", 0), plane_type = u32("plane_type", 0);
+            for (const auto& prop : p.props) {
+                if (prop.name == "type" && !line.args.count("type"))
+                    type = prop.value;
+                if (prop.name == "plane_type" && !line.args.count("plane_type"))
+                    plane_type = prop.value;
+            }
+            p.props = {{"type", type}, {"plane_type", plane_type}};
+            return;
+        }
+        default:
+            return;
+    }
 }
 
 }  // namespace
@@ -228,10 +304,10 @@ bool apply_platform_line(Platform& tv, const PlatformLine& line) {
             tv.add_compr_device(text("path"));
             return true;
         case PlatformCmd::Fail:
-            tv.fail(text("request"), i32("errno", EIO), i32("times", 1));
+            tv.fail(text("request"), i32("errno", EIO), i32("times", 1), i32("at", 1));
             return true;
         case PlatformCmd::Status:
-            tv.fail_status(text("request"), i32("status", 0), i32("times", 1));
+            tv.fail_status(text("request"), i32("status", 0), i32("times", 1), i32("at", 1));
             return true;
         case PlatformCmd::ClearFaults:
             tv.clear_faults();
@@ -271,6 +347,18 @@ bool apply_platform_line(Platform& tv, const PlatformLine& line) {
             return true;
         case PlatformCmd::Logmask:
             tv.sandbox_write("/tmp/RUVO", std::to_string(line.num("value", 0)));
+            return true;
+        case PlatformCmd::DrmEmpty:
+            tv.drm().crtcs.clear();
+            tv.drm().encoders.clear();
+            tv.drm().connectors.clear();
+            tv.drm().planes.clear();
+            return true;
+        case PlatformCmd::Crtc:
+        case PlatformCmd::Encoder:
+        case PlatformCmd::Connector:
+        case PlatformCmd::Plane:
+            set_drm_object(tv.drm(), line);
             return true;
         case PlatformCmd::Compr:
             if (line.num("buffer", 0) > 0)
@@ -329,12 +417,14 @@ const char* platform_help() {
     return R"(Emulated platform
   platform absent PATH | present PATH  a device node disappears / comes back
   platform compr-device PATH           a compressed-offload device at PATH
-  platform fail REQUEST ERRNO [TIMES]  REQUEST (e.g. FR2IP_SetPTS, open:/dev/kdolby,
+  platform fail REQUEST ERRNO [TIMES] [at=N]
+                                       REQUEST (e.g. FR2IP_SetPTS, open:/dev/kdolby,
                                        DRM_IOCTL_MODE_SETPLANE) fails with ERRNO
                                        (EIO, EBUSY, ... or a number) TIMES times
-                                       (default 1; -1 or 'always': for ever). A
+                                       (default 1; -1 or 'always': for ever), from
+                                       its Nth call after the line (default 1). A
                                        name the emulator does not record is an error.
-  platform status REQUEST STATUS [TIMES]
+  platform status REQUEST STATUS [TIMES] [at=N]
                                        the driver works but writes STATUS into
                                        the record's own result cell
   platform clear-faults                forget scripted failures
@@ -359,6 +449,17 @@ const char* platform_help() {
                                        fragments). It plays channels x 2 x rate
                                        bytes per second once started.
   platform logmask VALUE               the marker file /tmp/RUVO holds VALUE
+  platform drm-empty                   the DRM device has no CRTC, encoder,
+                                       connector or plane (the lines below add them)
+  platform crtc ID                     a CRTC
+  platform encoder ID [crtc=ID] [possible=MASK]
+                                       an encoder (added, or changed if ID exists)
+  platform connector ID [encoder=ID] [connected=0|1] [panel=WxH]
+                                       a connector and its current encoder
+  platform plane ID [type=0|1|2] [plane_type=N]
+                                       a plane with its "type" (0 overlay,
+                                       1 primary, 2 cursor) and "plane_type"
+                                       (the chip's plane kind) properties
 )";
 }
 

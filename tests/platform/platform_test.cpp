@@ -115,3 +115,113 @@ TEST(PlatformFileLines, SetsTheAudioDecodersBuffers) {
     EXPECT_EQ(emutv::platform().compr().ring_bytes, 16384u);
     EXPECT_EQ(emutv::platform().compr().dsp_bytes, 2048);
 }
+
+// "platform fail REQUEST ERRNO [TIMES] at=N": the calls before the Nth pass, then TIMES fail.
+TEST(PlatformFileLines, AFaultAtTheNthCallLetsTheCallsBeforeItThrough) {
+    std::vector<emutv::lines::PlatformLine> lines;
+    std::string error;
+    ASSERT_TRUE(emutv::lines::parse_platform_file("platform fail DRM_IOCTL_MODE_RMFB EINVAL 2 at=3\n",
+                                                  "tv.platform", &lines, &error))
+        << error;
+    emutv::platform().reset();
+    ASSERT_EQ(lines.size(), 1u);
+    ASSERT_TRUE(emutv::lines::apply_platform_line(emutv::platform(), lines[0]));
+    int fd = open("/dev/dri/card0", O_RDWR);
+    ASSERT_GE(fd, 0);
+    std::vector<int> errnos;
+    for (int call = 1; call <= 5; ++call) {
+        uint32_t id = 999;
+        errno = 0;
+        EXPECT_EQ(ioctl(fd, DRM_IOCTL_MODE_RMFB, &id), -1);
+        errnos.push_back(errno);
+    }
+    close(fd);
+    // ENOENT is the driver's own answer (no such framebuffer); EINVAL the scripted one.
+    EXPECT_EQ(errnos, (std::vector<int>{ENOENT, ENOENT, EINVAL, EINVAL, ENOENT}));
+}
+
+TEST(PlatformFileLines, AFaultAtCallZeroIsRefusedWithItsLine) {
+    std::vector<emutv::lines::PlatformLine> lines;
+    std::string error;
+    EXPECT_FALSE(emutv::lines::parse_platform_file("\nplatform status FR2IP_SetPTS -1 at=0\n", "tv.platform",
+                                                   &lines, &error));
+    EXPECT_EQ(error.rfind("tv.platform:2: platform status: ", 0), 0u) << error;
+    EXPECT_NE(error.find("at"), std::string::npos) << error;
+}
+
+// A platform file can give the DRM device another topology: what the real libdrm then reads.
+TEST(PlatformFileLines, ATopologyOfItsOwnIsWhatLibdrmReads) {
+    std::vector<emutv::lines::PlatformLine> lines;
+    std::string error;
+    ASSERT_TRUE(
+        emutv::lines::parse_platform_file("platform drm-empty\n"
+                                          "platform crtc 7\n"
+                                          "platform encoder 8 crtc=7 possible=1\n"
+                                          "platform connector 9 encoder=8 panel=1920x1080\n"
+                                          "platform connector 10 connected=0\n"
+                                          "platform plane 11 type=1 plane_type=5\n",
+                                          "tv.platform", &lines, &error))
+        << error;
+    emutv::platform().reset();
+    for (const auto& l : lines)
+        ASSERT_TRUE(emutv::lines::apply_platform_line(emutv::platform(), l));
+    int fd = open("/dev/dri/card0", O_RDWR);
+    ASSERT_GE(fd, 0);
+    drmModeRes* res = drmModeGetResources(fd);
+    ASSERT_NE(res, nullptr);
+    ASSERT_EQ(res->count_crtcs, 1);
+    EXPECT_EQ(res->crtcs[0], 7u);
+    ASSERT_EQ(res->count_connectors, 2);
+    ASSERT_EQ(res->count_encoders, 1);
+    drmModeConnector* con = drmModeGetConnector(fd, 9);
+    ASSERT_NE(con, nullptr);
+    EXPECT_EQ(con->connection, DRM_MODE_CONNECTED);
+    EXPECT_EQ(con->encoder_id, 8u);
+    EXPECT_EQ(con->mmWidth, 1920u);
+    EXPECT_EQ(con->mmHeight, 1080u);
+    drmModeFreeConnector(con);
+    con = drmModeGetConnector(fd, 10);
+    ASSERT_NE(con, nullptr);
+    EXPECT_EQ(con->connection, DRM_MODE_DISCONNECTED);
+    drmModeFreeConnector(con);
+    drmModeEncoder* enc = drmModeGetEncoder(fd, 8);
+    ASSERT_NE(enc, nullptr);
+    EXPECT_EQ(enc->crtc_id, 7u);
+    drmModeFreeEncoder(enc);
+    drmModeFreeResources(res);
+    drmModePlaneRes* planes = drmModeGetPlaneResources(fd);
+    ASSERT_NE(planes, nullptr);
+    ASSERT_EQ(planes->count_planes, 1u);
+    EXPECT_EQ(planes->planes[0], 11u);
+    drmModeObjectProperties* props = drmModeObjectGetProperties(fd, 11, DRM_MODE_OBJECT_PLANE);
+    ASSERT_NE(props, nullptr);
+    ASSERT_EQ(props->count_props, 2u);
+    EXPECT_EQ(props->prop_values[0], 1u);
+    EXPECT_EQ(props->prop_values[1], 5u);
+    drmModeFreeObjectProperties(props);
+    drmModeFreePlaneResources(planes);
+    close(fd);
+}
+
+// A line for an object that exists changes it: the default connector can be disconnected.
+TEST(PlatformFileLines, AConnectorLineForAnExistingIdChangesIt) {
+    std::vector<emutv::lines::PlatformLine> lines;
+    std::string error;
+    ASSERT_TRUE(emutv::lines::parse_platform_file("platform connector 40 connected=0\n", "tv.platform",
+                                                  &lines, &error))
+        << error;
+    emutv::platform().reset();
+    ASSERT_TRUE(emutv::lines::apply_platform_line(emutv::platform(), lines[0]));
+    const auto& cons = emutv::platform().drm().connectors;
+    ASSERT_EQ(cons.size(), 1u);
+    EXPECT_EQ(cons[0].connection, 2u);
+    EXPECT_EQ(cons[0].encoder_id, 41u);  // kept
+}
+
+TEST(PlatformFileLines, APlaneTypeOutOfRangeIsRefusedWithItsLine) {
+    std::vector<emutv::lines::PlatformLine> lines;
+    std::string error;
+    EXPECT_FALSE(
+        emutv::lines::parse_platform_file("platform plane 3 type=7\n", "tv.platform", &lines, &error));
+    EXPECT_EQ(error.rfind("tv.platform:1: platform plane: ", 0), 0u) << error;
+}

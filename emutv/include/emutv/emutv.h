@@ -243,11 +243,12 @@ class Platform {
 
     // Scripted failures, matched by request name (Event::name; "open:<path>" for an open,
     // "close:<path>" for a close, which releases the descriptor all the same).
-    // `times` = -1 fails for ever. An errno failure makes the request return -1 without
+    // `times` = -1 fails for ever; `at` = N lets the first N-1 matching calls from now on
+    // pass and fails from the Nth. An errno failure makes the request return -1 without
     // reaching the driver; a status failure lets the driver work and then writes `status`
     // into the record's own result cell (video-platform `ret`, converter `u32Retval`).
-    void fail(const std::string& request, int err, int times = 1);
-    void fail_status(const std::string& request, int32_t status, int times = 1);
+    void fail(const std::string& request, int err, int times = 1, int at = 1);
+    void fail_status(const std::string& request, int32_t status, int times = 1, int at = 1);
     void clear_faults();
 
     // The record.

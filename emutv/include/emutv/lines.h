@@ -103,6 +103,11 @@ enum class PlatformCmd {
     Broadcast,
     Compr,
     Logmask,
+    DrmEmpty,
+    Crtc,
+    Encoder,
+    Connector,
+    Plane,
 };
 
 struct PlatformLine {
