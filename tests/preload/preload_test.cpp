@@ -157,9 +157,30 @@ const char kPlatform[] =
     "platform vsync 50\n"
     "platform compr-device /dev/snd/comprC0D0\n";
 
+// The "what detail" of each event entry of a timeline log, in order.
+std::vector<std::string> timeline_events(const std::string& log) {
+    std::vector<std::string> out;
+    for (const std::string& l : split_lines(log)) {
+        if (l.find("\"type\":\"event\"") == std::string::npos)
+            continue;
+        auto value = [&](const std::string& key) {
+            const std::string open = "\"" + key + "\":\"";
+            const size_t at = l.find(open);
+            return at == std::string::npos
+                       ? std::string("?")
+                       : l.substr(at + open.size(), l.find('"', at + open.size()) - at - open.size());
+        };
+        out.push_back(value("what") + " " + value("detail"));
+    }
+    return out;
+}
+
 TEST_F(Preload, AProgramNotLinkedWithTheEmulatorPlaysVideoAndAudioAndTheTraceShowsIt) {
     write_file(platform_, kPlatform);
-    Outcome r = run("play", configured());
+    auto env = configured();
+    const std::string log = dir_ + "/timeline.jsonl";
+    env["RUVO_EMUTV_LOG"] = log;
+    Outcome r = run("play", env);
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.err, "");
     EXPECT_EQ(app_lines(r.out),
@@ -202,6 +223,17 @@ TEST_F(Preload, AProgramNotLinkedWithTheEmulatorPlaysVideoAndAudioAndTheTraceSho
     }
     EXPECT_EQ(opens, closes);
     EXPECT_TRUE(entries(dir_, "emutv-sandbox.").empty());
+    // The timeline: the main-media source and the announced resolution on the plane, the
+    // decoder's stream begun, and the close putting both gains and the rate back. (The run
+    // lasts a few milliseconds, too short for a vsync to be certain.)
+    std::vector<std::string> events = timeline_events(read_file(log));
+    ASSERT_EQ(events.size(), 6u) << read_file(log);
+    EXPECT_EQ(events[0], "source mm");
+    EXPECT_EQ(events[1], "resolution 1920x1080");
+    EXPECT_EQ(events[2].rfind("audio-stream tail=", 0), 0u) << events[2];
+    EXPECT_EQ(events[3], "volume qvl speaker main gain=32768");
+    EXPECT_EQ(events[4], "volume qvl hp main gain=32768");
+    EXPECT_EQ(events[5], "speed 100");
 }
 
 TEST_F(Preload, WithoutAPlatformFileTheDefaultPlatformHasNoAudioDecoder) {
