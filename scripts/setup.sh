@@ -14,7 +14,7 @@ HOST_PKGS=(
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools
   gstreamer1.0-plugins-base gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-good
   gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
-  doxygen qemu-system-arm tmux cpio kmod xz-utils
+  clang-format doxygen qemu-system-arm tmux cpio kmod xz-utils
 )
 CROSS_PKGS=(
   g++-arm-linux-gnueabihf qemu-user

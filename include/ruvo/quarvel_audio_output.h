@@ -40,22 +40,22 @@ typedef struct quarvel_audio_output_setup_params_s {
 
 /// How the decoder paces the audio (quarvel_audio_output_set_sync_mode()).
 typedef enum quarvel_audio_output_sync_mode_t : uint32_t {
-    quarvel_audio_output_sync_mode__free_run = 0,       ///< sent as the driver's force-none mode
-    quarvel_audio_output_sync_mode__sync_to_video = 1,  ///< sent as the driver's none mode
+    quarvel_audio_output_sync_mode__free_run = 0,                ///< sent as the driver's force-none mode
+    quarvel_audio_output_sync_mode__sync_to_video = 1,           ///< sent as the driver's none mode
     quarvel_audio_output_sync_mode__sync_to_external_video = 2,  ///< sent as the driver's slave mode
 } quarvel_audio_output_sync_mode_t;
 
 /// Playback position (quarvel_audio_output_get_info()).
 typedef struct quarvel_audio_output_info_s {
-    int64_t wallclock_us;   ///< CLOCK_MONOTONIC_RAW at the reading, in microseconds
+    int64_t wallclock_us;  ///< CLOCK_MONOTONIC_RAW at the reading, in microseconds
     /// Frames pushed but not yet played: the decoder's remaining bytes plus the bytes it
     /// has not taken yet, divided by 2 x channels.
     uint32_t frames_delay;
-    uint32_t bytes_free;    ///< free bytes of the driver's buffer less a 140-byte reserve (0 below it)
+    uint32_t bytes_free;  ///< free bytes of the driver's buffer less a 140-byte reserve (0 below it)
     /// Bytes the decoder holds but has not played, rescaled from the driver's 48 kHz
     /// basis to the stream's sample rate.
     int64_t remain_size;
-    uint32_t reserved[6];   ///< not written
+    uint32_t reserved[6];  ///< not written
 } quarvel_audio_output_info_t;
 
 /// The audio handle: a plain record, created by open and freed by close; written by the
@@ -63,11 +63,11 @@ typedef struct quarvel_audio_output_info_s {
 typedef struct quarvel_audio_output_s {
     int m_fd;  ///< compressed-offload device descriptor, -1 when not open
     quarvel_audio_output_setup_params_t m_setup_params;  ///< the last setup's parameters
-    uint64_t m_pushed_frames;       ///< frames pushed since open or the last stop
-    uint64_t m_pushed_extra_bytes;  ///< header bytes pushed since open or the last stop
-    bool m_is_driver_started;       ///< the stream was started and not stopped since
-    float m_default_volume;         ///< volume close puts back (1.0)
-    float m_default_speed;          ///< speed close puts back (1.0)
+    uint64_t m_pushed_frames;                            ///< frames pushed since open or the last stop
+    uint64_t m_pushed_extra_bytes;                       ///< header bytes pushed since open or the last stop
+    bool m_is_driver_started;                            ///< the stream was started and not stopped since
+    float m_default_volume;                              ///< volume close puts back (1.0)
+    float m_default_speed;                               ///< speed close puts back (1.0)
 } quarvel_audio_output_t;
 
 /**

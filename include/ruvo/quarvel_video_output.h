@@ -40,12 +40,12 @@
 /// A rectangle on the panel, in panel pixels (the panel size of
 /// quarvel_video_output_get_panel_size()).
 typedef struct quarvel_video_output_rect_s {
-    int32_t x;      ///< left edge, pixels from the panel's left
-    int32_t y;      ///< top edge, pixels from the panel's top
-    uint32_t w;     ///< width in pixels; 0 hides the video
-    uint32_t h;     ///< height in pixels; 0 hides the video
-    uint32_t dar_w; ///< display aspect term (width) of the content, 0 when unknown
-    uint32_t dar_h; ///< display aspect term (height) of the content, 0 when unknown
+    int32_t x;       ///< left edge, pixels from the panel's left
+    int32_t y;       ///< top edge, pixels from the panel's top
+    uint32_t w;      ///< width in pixels; 0 hides the video
+    uint32_t h;      ///< height in pixels; 0 hides the video
+    uint32_t dar_w;  ///< display aspect term (width) of the content, 0 when unknown
+    uint32_t dar_h;  ///< display aspect term (height) of the content, 0 when unknown
 } quarvel_video_output_rect_t;
 
 /// What the browser passes per frame.
@@ -97,32 +97,33 @@ enum { kDRMBufferNumber = 1 };
 /// The video handle: a plain record, created by open and freed by close. It may be read
 /// (the probe does); it is written by the library only.
 typedef struct quarvel_video_output_s {
-    int m_valio_fd;   ///< video-platform device descriptor, -1 when not open
-    int m_dolby_fd;   ///< Dolby device descriptor, -1 when not open
-    int m_drm_fd;     ///< DRM descriptor (the board HAL's, or "/dev/dri/card0"), -1 when not open
-    bool m_opened;    ///< true once open succeeded
-    int m_num_buffers;                                  ///< placeholder buffers made
-    unsigned int m_crtc_id;                             ///< CRTC in use
-    unsigned int m_con_id;                              ///< connector in use
-    unsigned int m_plane_type;                          ///< plane type of the video (the main plane)
-    struct DRMBuffer m_drm_buffers[kDRMBufferNumber];   ///< the placeholder buffer
-    int m_plane_obj_id[11];  ///< DRM plane id of each plane type found (types 0 to 6)
-    int m_panel_width;       ///< panel width in pixels
-    int m_panel_height;      ///< panel height in pixels
-    int pre_source;          ///< input port of the last display-source request
-    bool m_first_frame_initialized;  ///< the first frame was taken
-    bool m_queue_size_set;           ///< this handle holds the zero display queue
-    bool m_ta_switch;                ///< a hand-back to broadcast video is pending
-    int m_dv_profile;                ///< Dolby Vision profile last set, -1 when none
-    bool m_is_ta;                    ///< on-screen-display path; always false (open ignores its argument)
-    int m_gem_buf[6];                ///< on-screen-display frame buffers (dmabuf descriptors)
-    int m_gem_buf_idx;               ///< next frame-buffer pair to fill
-    int m_wl_buf_idx;                ///< renderer buffer last shown
-    int m_de_fd;                     ///< frame converter descriptor, -1 when not open
-    void* m_window;                  ///< renderer window, null when none
-    quarvel_frame_meta_t m_frame_meta;                    ///< size and aspect of the current content
-    quarvel_video_output_rect_t m_wanted_rect;            ///< the browser's last rectangle
-    quarvel_video_output_rect_t m_rect_applied_to_driver; ///< the rectangle the plane shows; w or h 0 when hidden
+    int m_valio_fd;             ///< video-platform device descriptor, -1 when not open
+    int m_dolby_fd;             ///< Dolby device descriptor, -1 when not open
+    int m_drm_fd;               ///< DRM descriptor (the board HAL's, or "/dev/dri/card0"), -1 when not open
+    bool m_opened;              ///< true once open succeeded
+    int m_num_buffers;          ///< placeholder buffers made
+    unsigned int m_crtc_id;     ///< CRTC in use
+    unsigned int m_con_id;      ///< connector in use
+    unsigned int m_plane_type;  ///< plane type of the video (the main plane)
+    struct DRMBuffer m_drm_buffers[kDRMBufferNumber];  ///< the placeholder buffer
+    int m_plane_obj_id[11];             ///< DRM plane id of each plane type found (types 0 to 6)
+    int m_panel_width;                  ///< panel width in pixels
+    int m_panel_height;                 ///< panel height in pixels
+    int pre_source;                     ///< input port of the last display-source request
+    bool m_first_frame_initialized;     ///< the first frame was taken
+    bool m_queue_size_set;              ///< this handle holds the zero display queue
+    bool m_ta_switch;                   ///< a hand-back to broadcast video is pending
+    int m_dv_profile;                   ///< Dolby Vision profile last set, -1 when none
+    bool m_is_ta;                       ///< on-screen-display path; always false (open ignores its argument)
+    int m_gem_buf[6];                   ///< on-screen-display frame buffers (dmabuf descriptors)
+    int m_gem_buf_idx;                  ///< next frame-buffer pair to fill
+    int m_wl_buf_idx;                   ///< renderer buffer last shown
+    int m_de_fd;                        ///< frame converter descriptor, -1 when not open
+    void* m_window;                     ///< renderer window, null when none
+    quarvel_frame_meta_t m_frame_meta;  ///< size and aspect of the current content
+    quarvel_video_output_rect_t m_wanted_rect;  ///< the browser's last rectangle
+    quarvel_video_output_rect_t
+        m_rect_applied_to_driver;  ///< the rectangle the plane shows; w or h 0 when hidden
 } quarvel_video_output_t;
 
 /**

@@ -14,6 +14,8 @@
 #define V4L2_DRM_FIELD_ENUM(name) enum name
 #endif
 
+// The enumerations behind the macro are laid out by hand: clang-format cannot parse them.
+// clang-format off
 V4L2_DRM_FIELD_ENUM(v4l2_drm_inputport_type) {
     V4L2_DRM_INPUTPORT_TYPE_DTV = 0,
     V4L2_DRM_INPUTPORT_TYPE_MM,
@@ -91,6 +93,7 @@ V4L2_DRM_FIELD_ENUM(v4l2_drm_main_clone_mux) {
     V4L2_DRM_MAIN_CLONE_MUX_RESERVED1,
     V4L2_DRM_MAIN_CLONE_MUX_MAX,
 };
+// clang-format on
 
 struct v4l2_private_frame_info {
     uint32_t chip_id;
