@@ -167,10 +167,15 @@ TEST(ConformanceFigures, a_seek_lands_on_the_first_frame_after_its_flush_that_th
     r.video_landings.push_back({kT0 + 1005 * kMs, 2040 * kMs});
     Figures f = compute_figures(scenario(), r, load(timeline_text(200, 0)), nullptr);
     EXPECT_DOUBLE_EQ(f.seek_landing_max_ms, 10);
-    // A frame the panel never showed is no landing.
+    EXPECT_EQ(f.seeks_unlanded, 0u);
+    // A frame the panel never showed is no landing: the seek counts as one that never landed.
     r.video_landings.back().second = 2041 * kMs;
     f = compute_figures(scenario(), r, load(timeline_text(200, 0)), nullptr);
     EXPECT_DOUBLE_EQ(f.seek_landing_max_ms, 0);
+    EXPECT_EQ(f.seeks_unlanded, 1u);
+    check_goals(scenario(), &f);
+    ASSERT_EQ(f.missed.size(), 1u);
+    EXPECT_EQ(f.missed[0].rfind("seeks-unlanded 1", 0), 0u) << f.missed[0];
 }
 
 TEST(ConformanceFigures, position_after_the_last_frame_follows_the_sound_alone) {

@@ -169,6 +169,7 @@ struct Figures {
     double position_ahead_max_ms = 0;  // the largest lead of POSITION over the panel (0: never ahead)
     double position_error_p99_ms = 0;
     double seek_landing_max_ms = 0;  // |first frame after a seek - target|
+    size_t seeks_unlanded = 0;       // seeks whose first frame the panel never showed
     double first_frame_vsyncs = -1;  // PLAYING from prerolled PAUSED to the first latch
     uint64_t dropped = 0, repeated = 0;
     double cpu_ratio = 0;  // sinks / fake sinks, CPU per frame

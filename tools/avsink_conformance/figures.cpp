@@ -261,8 +261,10 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
         for (const auto& l : r.video_landings)
             if (l.first >= requested && l.first <= sk.mono_ns)
                 landing = &l;
-        if (landing == nullptr || !shown_after(tl, landing->first, landing->second))
+        if (landing == nullptr || !shown_after(tl, landing->first, landing->second)) {
+            f.seeks_unlanded++;
             continue;
+        }
         f.seek_landing_max_ms = std::max(f.seek_landing_max_ms, fabs((landing->second - sk.target_ns) / 1e6));
     }
 
@@ -328,9 +330,10 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
 
 // The goals of a 50 Hz panel; a scenario may set its own.
 std::map<std::string, double> default_goals() {
-    return {{"av-p99-ms", 20},         {"av-max-ms", 40}, {"position-ahead-ms", 0}, {"seek-landing-ms", 40},
-            {"first-frame-vsyncs", 2}, {"dropped", 0},    {"cpu-ratio", 1.5},       {"rss-growth-kib", 1024},
-            {"fd-growth", 0},          {"bus-errors", 0}};
+    return {{"av-p99-ms", 20},       {"av-max-ms", 40},     {"position-ahead-ms", 0},
+            {"seek-landing-ms", 40}, {"seeks-unlanded", 0}, {"first-frame-vsyncs", 2},
+            {"dropped", 0},          {"cpu-ratio", 1.5},    {"rss-growth-kib", 1024},
+            {"fd-growth", 0},        {"bus-errors", 0}};
 }
 
 void check_goals(const Scenario& s, Figures* f) {
@@ -351,6 +354,7 @@ void check_goals(const Scenario& s, Figures* f) {
     check("av-max-ms", f->av_max_ms, f->av_samples > 0);
     check("position-ahead-ms", f->position_ahead_max_ms, true);
     check("seek-landing-ms", f->seek_landing_max_ms, true);
+    check("seeks-unlanded", static_cast<double>(f->seeks_unlanded), true);
     check("first-frame-vsyncs", f->first_frame_vsyncs, f->first_frame_vsyncs >= 0);
     check("dropped", static_cast<double>(f->dropped), true);
     check("cpu-ratio", f->cpu_ratio, f->cpu_ratio > 0);

@@ -15,6 +15,14 @@ std::string fmt(const char* f, double v) {
     return b;
 }
 
+// The largest landing error, and how many seeks never showed their first frame.
+std::string seek_landing_cell(const Figures& f) {
+    std::string cell = fmt("%.1f", f.seek_landing_max_ms);
+    if (f.seeks_unlanded > 0)
+        cell += " (" + std::to_string(f.seeks_unlanded) + " not shown)";
+    return cell;
+}
+
 // A line plot of (x, y) points; the y range always includes the goal band [-band, band].
 std::string svg_plot(const std::string& title, const std::string& y_unit,
                      const std::vector<std::pair<double, double>>& pts, double band) {
@@ -78,7 +86,7 @@ bool write_report(const std::string& dir, const std::vector<Figures>& figures, s
     for (const Figures& f : figures) {
         md += "| " + f.scenario + " | " + fmt("%.1f", f.av_p50_ms) + " / " + fmt("%.1f", f.av_p99_ms) +
               " / " + fmt("%.1f", f.av_max_ms) + " | " + fmt("%.1f", f.position_ahead_max_ms) + " | " +
-              fmt("%.1f", f.position_error_p99_ms) + " | " + fmt("%.1f", f.seek_landing_max_ms) + " | " +
+              fmt("%.1f", f.position_error_p99_ms) + " | " + seek_landing_cell(f) + " | " +
               (f.first_frame_vsyncs < 0 ? std::string("-") : fmt("%.2f", f.first_frame_vsyncs)) + " | " +
               std::to_string(f.dropped) + " / " + std::to_string(f.repeated) + " | " +
               (f.cpu_ratio > 0 ? fmt("%.2f", f.cpu_ratio) : std::string("-")) + " | " +
