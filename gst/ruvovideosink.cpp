@@ -258,7 +258,13 @@ void forget_stream(RuvoVideoSink* self) {
 // ---------------------------------------------------------------------------------------
 // Frames
 
-// Fills the descriptor handed to the library for `buf`.
+bool possible_frame_size(const v4l2_drm_dec_info& dec) {
+    return dec.hres > 0 && dec.vres > 0 && dec.hres <= kMaxFrameSide && dec.vres <= kMaxFrameSide;
+}
+
+// Fills the descriptor handed to the library for `buf`. A buffer that does not carry the
+// frame its caps promise (no meta on meta caps, no picture, an impossible size) is a
+// negotiation error and never reaches the library.
 GstFlowReturn describe_buffer(RuvoVideoSink* self, GstBuffer* buf) {
     SinkState& s = *self->s;
     if (s.meta_caps) {
@@ -271,18 +277,19 @@ GstFlowReturn describe_buffer(RuvoVideoSink* self, GstBuffer* buf) {
             return GST_FLOW_NOT_NEGOTIATED;
         }
         const v4l2_drm_dec_info& dec = meta->frame.u.dec_info;
-        if (dec.hres == 0 || dec.vres == 0 || dec.hres > kMaxFrameSide || dec.vres > kMaxFrameSide) {
-            GST_ELEMENT_ERROR(self, STREAM, FORMAT, ("A decoder frame of an impossible size."),
+        if (!possible_frame_size(dec)) {
+            GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("A decoder frame of an impossible size."),
                               ("descriptor size %ux%u", dec.hres, dec.vres));
-            return GST_FLOW_ERROR;
+            return GST_FLOW_NOT_NEGOTIATED;
         }
         memcpy(&s.desc, &meta->frame, sizeof s.desc);
         s.frame.dv_profile = meta->dv_profile;
         return GST_FLOW_OK;
     }
     if (gst_buffer_get_size(buf) == 0) {
-        GST_ELEMENT_ERROR(self, STREAM, FORMAT, ("An empty video frame."), ("buffer %" GST_PTR_FORMAT, buf));
-        return GST_FLOW_ERROR;
+        GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("An empty video frame."),
+                          ("buffer %" GST_PTR_FORMAT, buf));
+        return GST_FLOW_NOT_NEGOTIATED;
     }
     s.desc.u.dec_info.pFrame[0].display_index = s.next_display_index;
     s.next_display_index = (s.next_display_index + 1) % 0x7fffffffu;

@@ -37,6 +37,18 @@ std::vector<uint8_t> metadata_in(uint32_t key, uint32_t value) {
     return std::vector<uint8_t>(b, b + sizeof(m));
 }
 
+// `size` bytes of text: no byte of it starts an ADTS (0xFF) or AC-3 (0x0B 0x77) sync frame.
+GstBuffer* garbage(size_t size) {
+    static const char kText[] = "not a sync frame ";
+    GstBuffer* b = gst_buffer_new_allocate(nullptr, size, nullptr);
+    GstMapInfo map;
+    gst_buffer_map(b, &map, GST_MAP_WRITE);
+    for (size_t i = 0; i < size; ++i)
+        map.data[i] = static_cast<uint8_t>(kText[i % (sizeof(kText) - 1)]);
+    gst_buffer_unmap(b, &map);
+    return b;
+}
+
 }  // namespace
 
 class CapsSetup : public GstAudioTest {
@@ -306,6 +318,29 @@ TEST_F(GstAudioTest, a_failed_write_drops_the_block_with_a_warning_and_a_run_of_
     EXPECT_EQ(count_messages(GST_MESSAGE_WARNING), static_cast<size_t>(RUVO_AUDIO_SINK_ERRORS_IN_A_ROW - 1));
     EXPECT_EQ(count_messages(GST_MESSAGE_ERROR), 1u);
     EXPECT_EQ(stat("blocks-pushed"), 2u);
+}
+
+// The element cannot tell garbage from audio on valid caps: it writes the bytes as they
+// come, and the decoder (the emulated TV's model) counts them as undecodable and goes on.
+TEST_F(GstAudioTest, garbage_on_valid_caps_is_written_and_the_decoder_counts_it_as_undecodable) {
+    script([](emutv::ComprModel& c) { c.answers = emutv::ComprModel::Answers::Modelled; });
+    start_with_caps();
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(gst_harness_push(h_, garbage(400)), GST_FLOW_OK);
+    std::vector<long long> undecodable_per_write;
+    for (const auto& e : tv().events(emutv::Device::Compr))
+        if (e.name == "write")
+            undecodable_per_write.push_back(e.has("undecodable") ? e.field("undecodable") : 0);
+    EXPECT_EQ(undecodable_per_write, (std::vector<long long>{400, 400, 400}));
+    script([](emutv::ComprModel& c) {
+        EXPECT_EQ(c.decoder.undecodable(), 1200u);
+        EXPECT_EQ(c.decoder.queued(), 0u);  // taken from the ring and thrown away
+        EXPECT_EQ(c.decoder.frames_played(), 0u);
+    });
+    EXPECT_EQ(tv().count("SNDRV_COMPRESS_START"), 1u);
+    EXPECT_EQ(stat("blocks-pushed"), 3u);
+    EXPECT_EQ(count_messages(GST_MESSAGE_WARNING), 0u);
+    EXPECT_EQ(count_messages(GST_MESSAGE_ERROR), 0u);
 }
 
 // ---- Properties ----

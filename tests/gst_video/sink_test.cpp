@@ -3,6 +3,8 @@
 #include <errno.h>
 #include <stdlib.h>
 
+#include <utility>
+
 #include <gst/video/videooverlay.h>
 
 #include "gst_video_fixture.h"
@@ -524,17 +526,33 @@ TEST_F(SinkTest, ABufferWithoutMetaOnMetaCapsIsANegotiationError) {
     EXPECT_EQ(count("DRM_IOCTL_SDP_SET_DP_SOURCE"), 0u);
 }
 
-TEST_F(SinkTest, AZeroSizedDecoderFrameNeverReachesThePlane) {
+// The library's 0x0 case (docs/behaviours.md, V1) is never reached through the element.
+TEST_F(SinkTest, AZeroSizedDecoderFrameIsANegotiationErrorAndNeverReachesThePlane) {
     start(kMetaCaps1080);
-    EXPECT_EQ(gst_harness_push(h_, meta_frame(0, 1, -1, 0, 0)), GST_FLOW_ERROR);
-    expect_error(bus_, GST_STREAM_ERROR, GST_STREAM_ERROR_FORMAT);
+    EXPECT_EQ(gst_harness_push(h_, meta_frame(0, 1, -1, 0, 0)), GST_FLOW_NOT_NEGOTIATED);
+    expect_error(bus_, GST_CORE_ERROR, GST_CORE_ERROR_NEGOTIATION);
     EXPECT_EQ(count("DRM_IOCTL_SDP_SET_DP_SOURCE"), 0u);
 }
 
-TEST_F(SinkTest, AnEmptyRawBufferIsAStreamError) {
+TEST_F(SinkTest, ADecoderFrameOfAnImpossibleSizeIsANegotiationError) {
+    const std::pair<uint32_t, uint32_t> sizes[] = {{0, 1080}, {1920, 0}, {8193, 1080}, {1920, 8193}};
+    for (const auto& [hres, vres] : sizes) {
+        start(kMetaCaps1080);
+        EXPECT_EQ(gst_harness_push(h_, meta_frame(0, 1, -1, hres, vres)), GST_FLOW_NOT_NEGOTIATED)
+            << hres << "x" << vres;
+        expect_error(bus_, GST_CORE_ERROR, GST_CORE_ERROR_NEGOTIATION);
+        EXPECT_EQ(count("DRM_IOCTL_SDP_SET_DP_SOURCE"), 0u) << hres << "x" << vres;
+        gst_harness_teardown(h_);
+        h_ = nullptr;
+        gst_object_unref(bus_);
+        bus_ = nullptr;
+    }
+}
+
+TEST_F(SinkTest, AnEmptyRawBufferIsANegotiationError) {
     start();
-    EXPECT_EQ(gst_harness_push(h_, frame(0, 0)), GST_FLOW_ERROR);
-    expect_error(bus_, GST_STREAM_ERROR, GST_STREAM_ERROR_FORMAT);
+    EXPECT_EQ(gst_harness_push(h_, frame(0, 0)), GST_FLOW_NOT_NEGOTIATED);
+    expect_error(bus_, GST_CORE_ERROR, GST_CORE_ERROR_NEGOTIATION);
     EXPECT_EQ(count("DRM_IOCTL_SDP_SET_DP_SOURCE"), 0u);
 }
 
