@@ -78,12 +78,12 @@ done | awk '!seen[$0]++' | while read -r ko; do
 done
 say "modules: $(tr '\n' ' ' < "$img/modules/order")"
 
-# Programs, and the libraries they need: the build's own at the paths the programs'
-# run paths name, Debian's armhf libraries and the loader in /lib.
+# Programs, and the libraries they need: the build's own, Debian's armhf libraries and the
+# loader, all in the loader's default directories. (Not at the build paths the programs'
+# run paths name: a build under /tmp would be hidden by the guest's /tmp.)
 cp "${programs[@]}" "$img/bin/"
 for lib in "$build"/src/lib*.so* "$build"/emutv/lib*.so*; do
-  mkdir -p "$img$(dirname "$lib")"
-  cp -P "$lib" "$img$lib"
+  cp -P "$lib" "$img/lib/$triplet/"
 done
 find_lib() {
   local d
@@ -120,7 +120,7 @@ ctl.!default {
 ALSA
 
 (cd "$img" && find . | cpio -o -H newc --quiet | gzip -1) > "$work/initrd.gz"
-say "initramfs $(du -k "$work/initrd.gz" | cut -f1) KiB, $(ls "$img/lib/$triplet" | wc -l) Debian libraries; made in $(($(date +%s) - started)) s"
+say "initramfs $(du -k "$work/initrd.gz" | cut -f1) KiB, $(ls "$img/lib/$triplet" | wc -l) libraries; made in $(($(date +%s) - started)) s"
 
 # ---- boot ----------------------------------------------------------------------------
 console=$work/console.log
