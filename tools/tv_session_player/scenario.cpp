@@ -213,6 +213,16 @@ Cmd scenario_cmd(emutv::lines::PlatformCmd p) {
             return Cmd::PlatformCompr;
         case P::Logmask:
             return Cmd::PlatformLogmask;
+        case P::DrmEmpty:
+            return Cmd::PlatformDrmEmpty;
+        case P::Crtc:
+            return Cmd::PlatformCrtc;
+        case P::Encoder:
+            return Cmd::PlatformEncoder;
+        case P::Connector:
+            return Cmd::PlatformConnector;
+        case P::Plane:
+            return Cmd::PlatformPlane;
     }
     return Cmd::PlatformClearFaults;
 }
