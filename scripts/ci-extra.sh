@@ -57,7 +57,8 @@ failed=0
 #    which run under valgrind; by name, the tests whose programs are not instrumented but
 #    load an instrumented library: the installed-tree consumers (install.find_package,
 #    install.pkg_config, install.emutv_alone, which preload libemutv.so), the installed
-#    plugin that gst-inspect-1.0 loads (install.gst_plugin) and the real
+#    plugin that gst-inspect-1.0 loads (install.gst_plugin), the frame meta consumer linked
+#    with the installed meta library (install.gst_meta) and the real
 #    pipeline of ruvovideosink (RealPipeline.*, whose plugin GStreamer's own plugin scanner
 #    loads). Also
 #    PlayerTest.PictureOfTheDefaultScenarioShowsThePlaneWhereTheTracePutIt: libstdc++'s
@@ -67,7 +68,7 @@ failed=0
 # Death tests (suites named *DeathTest) run apart: their child processes end themselves by
 # design, without cleaning up, so they are not leak-checked, and a child that is meant to
 # die of SIGSEGV gets the kernel's signal rather than the sanitizer's report.
-asan_exclude='_alloc_test_NOT_BUILT$|^install\.find_package$|^install\.pkg_config$|^install\.emutv_alone$|^install\.gst_plugin$|^RealPipeline\.|^PlayerTest\.PictureOfTheDefaultScenarioShowsThePlaneWhereTheTracePutIt$|^FrameSize\.zero_over_zero_raises_sigfpe$|^FrameSize\.zero_by_zero_picture_of_known_aspect_raises_sigfpe$|^FrameSizeDeathTest\.|^AudioPush\.a_block_size_with_the_sign_bit_passes_the_room_check$|^PositioningDeathTest\.null_rectangle_with_the_info_level_on_is_read_before_the_check$'
+asan_exclude='_alloc_test_NOT_BUILT$|^install\.find_package$|^install\.pkg_config$|^install\.emutv_alone$|^install\.gst_plugin$|^install\.gst_meta$|^RealPipeline\.|^PlayerTest\.PictureOfTheDefaultScenarioShowsThePlaneWhereTheTracePutIt$|^FrameSize\.zero_over_zero_raises_sigfpe$|^FrameSize\.zero_by_zero_picture_of_known_aspect_raises_sigfpe$|^FrameSizeDeathTest\.|^AudioPush\.a_block_size_with_the_sign_bit_passes_the_room_check$|^PositioningDeathTest\.null_rectangle_with_the_info_level_on_is_read_before_the_check$'
 asan_exclude_labels='preload|conformance|cost'
 asan_common=strict_string_checks=1:detect_stack_use_after_return=1:check_initialization_order=1
 # Intended leaks and leaks of the test harness, each explained in the file.

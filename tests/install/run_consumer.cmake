@@ -5,6 +5,8 @@
 #   STEP=ldd           every installed library resolves what it needs (nothing "not found")
 #   STEP=gst_plugin    the installed plugin resolves the installed library, and
 #                      gst-inspect-1.0 (GST_INSPECT) finds both elements in it
+#   STEP=gst_meta      a decoder's side of the frame meta (consumer/frame_meta_consumer.cpp)
+#                      built against the installed header and libruvo_gst_meta.a, and run
 #   STEP=find_package  build consumer/ with find_package against PREFIX, run it on the TV
 #   STEP=pkg_config    build consumer/consumer.cpp with pkg-config's flags, run it on the TV
 #   STEP=emutv_alone   the emulator installed on its own prefix, the library (runtime
@@ -128,6 +130,19 @@ elseif(STEP STREQUAL "gst_plugin")
       message(FATAL_ERROR "${element} was not loaded from ${plugin_dir}")
     endif()
   endforeach()
+
+elseif(STEP STREQUAL "gst_meta")
+  set(out ${WORK}/gst_meta/frame_meta_consumer)
+  file(REMOVE ${out})
+  file(MAKE_DIRECTORY ${WORK}/gst_meta)
+  run(${PKG_CONFIG} --cflags --libs gstreamer-1.0)
+  separate_arguments(gst_flags UNIX_COMMAND "${run_output}")
+  run(${CXX} -std=c++17 -Wall -Wextra -Werror -o ${out} ${SOURCE_DIR}/frame_meta_consumer.cpp -I${PREFIX}/include
+      ${libdir}/libruvo_gst_meta.a ${gst_flags})
+  run_clean("" ${out})
+  if(NOT run_output STREQUAL "frame meta: RuvoFrameMetaAPI 1920x1080 profile 5\n")
+    message(FATAL_ERROR "unexpected output: ${run_output}")
+  endif()
 
 elseif(STEP STREQUAL "find_package")
   set(build ${WORK}/find_package)

@@ -7,9 +7,11 @@
 // ruvovideosink then hands the descriptor to the main video plane as it is; the buffer's
 // memory is not read.
 //
+// The functions below are in the static library libruvo_gst_meta.a (installed beside the
+// library, position-independent code), which a decoder plugin links into its module:
+//   c++ ... $(pkg-config --cflags --libs gstreamer-1.0) -I$PREFIX/include $PREFIX/LIBDIR/libruvo_gst_meta.a
 // The API type and the meta are registered by name ("RuvoFrameMetaAPI", "RuvoFrameMeta"),
-// so a decoder plugin that compiles ruvo_frame_meta.cpp itself shares them with the sink's
-// plugin in one process.
+// so the decoder plugin's copy and the sink plugin's share them in one process.
 #pragma once
 
 #include <gst/gst.h>
