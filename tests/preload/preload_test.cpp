@@ -375,7 +375,8 @@ TEST_F(Preload, ALineOtherThanAPlatformLineStopsTheProcessBeforeMain) {
                                platform_ +
                                    ":1: expected a 'platform ...' line (absent, present, compr-device, fail, "
                                    "status, clear-faults, panel, hal, vsync, vsync-offset, decoder-frames, "
-                                   "dolby-rewrite, broadcast, compr, logmask), got 'video'");
+                                   "dolby-rewrite, broadcast, compr, logmask, drm-empty, crtc, encoder, "
+                                   "connector, plane), got 'video'");
 }
 
 TEST_F(Preload, AnUnwritableTracePathStopsTheProcessBeforeMain) {
