@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # gst-play-1.0 (a player nobody here wrote) plays a 30 s H.264 + AAC clip with ruvovideosink
 # and ruvoaudiosink on the preloaded emulated TV, in real time, driven through its keyboard
-# in a tmux terminal as a viewer would: pause and resume, a seek forward, volume up, a faster
-# rate, quit. Checks the emulator's timeline (the panel stood still while paused, the seek
-# moved the picture forward, the decoder's rate) and its request trace (the gain).
+# in a tmux terminal as a viewer would: pause and resume, a seek forward and one back, volume
+# up, a faster rate, quit. Checks the emulator's timeline (the panel stood still while paused,
+# the seeks moved the picture forward and back, the decoder's rate) and its request trace
+# (the gain).
 #   gst_play_check.sh RUNNER LIBEMUTV PLUGIN_DIR PLATFORM MEDIA_DIR WORK_DIR
 set -euo pipefail
 runner=$1 emutv=$2 plugins=$3 platform=$4 media=$5 work=$6
@@ -47,6 +48,8 @@ key resume Space
 sleep 2
 key seek Right
 sleep 2
+key seek-back Left
+sleep 2
 key volume Up
 sleep 1
 key rate +
@@ -72,6 +75,13 @@ jump=$(grep '"type":"vsync"' "$tl" | sed -n 's/.*"pts":\([0-9]*\).*/\1/p' |
     awk '{ if (last != "" && $1 - last > j) j = $1 - last; last = $1 } END { printf "%d\n", j / 90 }')
 echo "largest forward jump of the picture: $jump ms"
 [ "$jump" -ge 2000 ] || fail "seek: the picture never jumped forward"
+# Seek back: some frame on the panel lies before the one before it (gst-play-1.0 steps back
+# by a hundredth of the duration, to the keyframe before: about a second in this clip;
+# playing never goes back).
+back=$(grep '"type":"vsync"' "$tl" | sed -n 's/.*"pts":\([0-9]*\).*/\1/p' |
+    awk '{ if (last != "" && last - $1 > j) j = last - $1; last = $1 } END { printf "%d\n", j / 90 }')
+echo "largest backward jump of the picture: $back ms"
+[ "$back" -ge 200 ] || fail "seek back: the picture never jumped back"
 # Volume up: a gain above unity (32768) reached the decoder's gain control.
 gains=$(sed -n 's/.*"what":"volume","detail":"qvl speaker main gain=\([0-9]*\)".*/\1/p' "$tl" | sort -un | tr '\n' ' ')
 echo "speaker gains set: $gains"

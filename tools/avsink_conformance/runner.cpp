@@ -7,6 +7,8 @@
 #include <gst/gst.h>
 #include <gst/video/videooverlay.h>
 #include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/resource.h>
 #include <time.h>
 #include <unistd.h>
@@ -161,6 +163,7 @@ class Run {
     void seek(int64_t target_ns, double rate);
     void sleep_ms(double ms);
     void rect_storm(double ms, double hz);
+    void hand_back();
     void poll_positions();
     void teardown();
     int64_t duration_ns();
@@ -267,7 +270,15 @@ void stop_decoding_at_audio_sink_caps(GstElement* playbin3, GstElement* audio_si
         gst_object_unref(decodebin);
 }
 
+// A scenario that hands the screen back plays an advertising break: the platform's broadcast
+// middleware marks it in the browser's environment before the break's media starts.
+bool plays_an_advertising_break(const Scenario& s) {
+    return std::any_of(s.steps.begin(), s.steps.end(), [](const Step& st) { return st.op == Op::Handback; });
+}
+
 bool Run::build(std::string* error) {
+    if (plays_an_advertising_break(s_))
+        setenv("TA_DTV_PRELOAD", "1", 1);  // before the pipeline starts any thread
     const std::string path = make_clip(o_.media_dir, s_.media, error);
     if (path.empty())
         return false;
@@ -483,8 +494,7 @@ void Run::step(const Step& st) {
             rect_storm(st.value, st.hz);
             break;
         case Op::Handback:
-            if (g_signal_lookup("hand-back-to-broadcast", G_OBJECT_TYPE(vsink_)) != 0)
-                g_signal_emit_by_name(vsink_, "hand-back-to-broadcast");
+            hand_back();
             break;
         case Op::Eos: {
             std::unique_lock<std::mutex> g(bus_.mu);
@@ -498,6 +508,17 @@ void Run::step(const Step& st) {
         case Op::Goal:
             break;
     }
+}
+
+// The video sink's hand-back: once the broadcast picture is back on the plane, the library
+// clears the break's mark. (A sink without the action, a fake one, has nothing to hand back.)
+void Run::hand_back() {
+    if (g_signal_lookup("hand-back-to-broadcast", G_OBJECT_TYPE(vsink_)) == 0)
+        return;
+    g_signal_emit_by_name(vsink_, "hand-back-to-broadcast");
+    const char* mark = getenv("TA_DTV_PRELOAD");
+    if (mark == nullptr || strcmp(mark, "") != 0)
+        fail("hand-back: the broadcast picture did not come back (TA_DTV_PRELOAD still set)");
 }
 
 void Run::play_steps() {
