@@ -79,7 +79,10 @@ TEST_F(SinkTest, ThePrerollFrameIsShownInPausedAndTimedInPlaying) {
     ASSERT_NE(gst_element_set_state(sink_, GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
     GstFlowReturn ret = GST_FLOW_ERROR;
     std::thread pusher([&] { ret = push(0); });
-    ASSERT_TRUE(eventually([&] { return count("DRM_IOCTL_SDP_SET_DP_SOURCE") == 2; }));
+    // The first-frame call ends with the plane programmed (after both source requests): the
+    // streaming thread may still be inside it when the second source request is recorded.
+    ASSERT_TRUE(eventually(
+        [&] { return count("DRM_IOCTL_SDP_SET_DP_SOURCE") == 2 && count("DRM_IOCTL_MODE_SETPLANE") == 1; }));
     // The first-frame call: the format first (no picture), then the frame itself.
     auto sources = requests("DRM_IOCTL_SDP_SET_DP_SOURCE");
     EXPECT_EQ(sources[0].field("display_index"), 0xFFFFFFFFll);
