@@ -27,8 +27,9 @@ std::string timeline_text(int vsyncs, double audio_lead_ms, int skip_frame = -1)
         out += "{\"type\":\"vsync\",\"pid\":1,\"t_ns\":" + std::to_string(t) +
                ",\"vsync\":" + std::to_string(v) + ",\"frame\":" + std::to_string(index) +
                ",\"new\":" + (fresh ? "true" : "false") +
-               ",\"dropped\":0,\"pts\":" + std::to_string(frame * 3600) +
-               ",\"pts_set\":[],\"plane\":{\"x\":0,\"y\":0,\"w\":1920,\"h\":1080},\"muted\":false,\"source\":"
+               ",\"dropped\":0,\"pts\":" + std::to_string(frame * 3600) + ",\"pts_set\":[" +
+               (fresh ? std::to_string(frame * 3600) : std::string()) +
+               "],\"plane\":{\"x\":0,\"y\":0,\"w\":1920,\"h\":1080},\"muted\":false,\"source\":"
                "\"mm\"}\n";
         int64_t media_us = static_cast<int64_t>(v * 20000 + audio_lead_ms * 1000);
         out += "{\"type\":\"audio\",\"pid\":1,\"t_ns\":" + std::to_string(t) +
@@ -176,6 +177,24 @@ TEST(ConformanceFigures, a_seek_lands_on_the_first_frame_after_its_flush_that_th
     check_goals(scenario(), &f);
     ASSERT_EQ(f.missed.size(), 1u);
     EXPECT_EQ(f.missed[0].rfind("seeks-unlanded 1", 0), 0u) << f.missed[0];
+}
+
+// The first frame after a flush may be followed by the next one before the vsync it was set
+// for: the panel shows that next one, and that is where the seek landed.
+TEST(ConformanceFigures, a_first_frame_superseded_within_its_vsync_lands_where_the_panel_shows_the_next) {
+    RunResult r = run_from_start();
+    r.seeks.push_back({kT0 + 1010 * kMs, 2030 * kMs, 1.0});
+    r.transitions.push_back({kT0 + 1000 * kMs, kT0 + 1010 * kMs});
+    r.video_landings.push_back({kT0 + 1005 * kMs, 2030 * kMs});  // clipped to the target
+    std::string text = timeline_text(200, 0);
+    // Set for the vsync that shows frame 51 (2040 ms), before that frame.
+    const std::string set_alone = "\"pts_set\":[183600]";
+    const size_t at = text.find(set_alone);
+    ASSERT_NE(at, std::string::npos);
+    text.replace(at, set_alone.size(), "\"pts_set\":[182700,183600]");
+    Figures f = compute_figures(scenario(), r, load(text), nullptr);
+    EXPECT_EQ(f.seeks_unlanded, 0u);
+    EXPECT_DOUBLE_EQ(f.seek_landing_max_ms, 10);  // 2040 ms shown for 2030 ms
 }
 
 TEST(ConformanceFigures, position_after_the_last_frame_follows_the_sound_alone) {

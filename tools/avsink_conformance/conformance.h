@@ -132,7 +132,8 @@ struct VsyncEntry {
     long index = -1;      // display index of the frame on the main plane
     int64_t pts_ns = -1;  // the timestamp last set for display, as nanoseconds
     bool muted = false;
-    bool latched = false;  // a new frame was latched at this vsync
+    bool latched = false;             // a new frame was latched at this vsync
+    std::vector<int64_t> pts_set_ns;  // timestamps set for display that land on this vsync
 };
 
 struct AudioEntry {

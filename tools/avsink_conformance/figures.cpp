@@ -131,11 +131,33 @@ int64_t frame_duration_ns(const Timeline& tl) {
 }
 
 // Whether the panel latched the frame of timestamp `pts_ns` after `t`.
-bool shown_after(const Timeline& tl, int64_t t, int64_t pts_ns) {
+// The vsync, at or after `t`, that the frame of timestamp `pts_ns` was set for; null when it
+// was never set for display. The panel then shows that frame, or a later one set before
+// the same vsync (the first frame after a flush may be superseded within its vsync).
+const VsyncEntry* vsync_set_for(const Timeline& tl, int64_t t, int64_t pts_ns) {
     for (const VsyncEntry& v : tl.vsyncs)
-        if (v.t_ns >= t && v.latched && llabs(v.pts_ns - pts_ns) < 1000000)
-            return true;
-    return false;
+        if (v.t_ns >= t)
+            for (int64_t set : v.pts_set_ns)
+                if (llabs(set - pts_ns) < 1000000)
+                    return &v;
+    return nullptr;
+}
+
+// A JSON array of integers ("[1,2,3]") in 90 kHz units, as nanoseconds.
+std::vector<int64_t> ticks_as_ns(const std::string& array) {
+    std::vector<int64_t> out;
+    const char* p = array.c_str();
+    while (*p != '\0') {
+        char* end = nullptr;
+        const long long v = strtoll(p, &end, 10);
+        if (end != p) {
+            out.push_back(static_cast<int64_t>(v * 1e9 / 90000));
+            p = end;
+        } else {
+            ++p;
+        }
+    }
+    return out;
 }
 
 // While a seek is under way POSITION answers its target before any frame of it is shown,
@@ -178,6 +200,7 @@ bool read_timeline(const std::string& path, Timeline* out, std::string* error) {
                 j.count("pts") && j["pts"] != "null" ? static_cast<int64_t>(num("pts") * 1e9 / 90000) : -1;
             e.muted = j["muted"] == "true";
             e.latched = j["new"] == "true";
+            e.pts_set_ns = ticks_as_ns(j["pts_set"]);
             tl.vsyncs.push_back(e);
         } else if (type == "event" && j["what"] == "audio-stream" &&
                    j["detail"].compare(0, 5, "tail=") == 0) {
@@ -250,8 +273,8 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
     }
     f.position_error_p99_ms = percentile(errs, 0.99);
 
-    // Where each seek landed: the first frame after its flush, as it reached the video sink,
-    // and only once the panel showed it.
+    // Where each seek landed, as the panel showed it: the frame on the panel at the vsync the
+    // first frame after the seek's flush (as it reached the video sink) was set for.
     for (const SeekSample& sk : r.seeks) {
         int64_t requested = sk.mono_ns;
         for (const auto& span : r.transitions)
@@ -261,11 +284,12 @@ Figures compute_figures(const Scenario& s, const RunResult& r, const Timeline& t
         for (const auto& l : r.video_landings)
             if (l.first >= requested && l.first <= sk.mono_ns)
                 landing = &l;
-        if (landing == nullptr || !shown_after(tl, landing->first, landing->second)) {
+        const VsyncEntry* shown = landing ? vsync_set_for(tl, landing->first, landing->second) : nullptr;
+        if (shown == nullptr) {
             f.seeks_unlanded++;
             continue;
         }
-        f.seek_landing_max_ms = std::max(f.seek_landing_max_ms, fabs((landing->second - sk.target_ns) / 1e6));
+        f.seek_landing_max_ms = std::max(f.seek_landing_max_ms, fabs((shown->pts_ns - sk.target_ns) / 1e6));
     }
 
     // First frame: PLAYING from prerolled PAUSED to the first latch of a new frame.

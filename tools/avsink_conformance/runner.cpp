@@ -392,8 +392,10 @@ void Run::seek(int64_t target_ns, double rate) {
         return;
     }
     if (wait_preroll(before, "seek")) {
-        r_.seeks.push_back({mono_ns(), target_ns, rate});
-        r_.transitions.push_back({requested, mono_ns()});
+        // One instant for both: the figures find a seek's span by its end.
+        const int64_t done = mono_ns();
+        r_.seeks.push_back({done, target_ns, rate});
+        r_.transitions.push_back({requested, done});
         r_.resume_mono_ns.push_back(mono_ns());
     }
 }
