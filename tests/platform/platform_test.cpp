@@ -102,30 +102,29 @@ TEST_F(EmulatedPlatform, a_reset_numbers_the_records_from_one_again) {
     EXPECT_EQ(opens[0].seq, 1u);
 }
 
-TEST(PlatformFileLines, SetsTheAudioDecodersBuffers) {
+// Parses `text` as a platform file and applies its lines to a freshly reset platform.
+::testing::AssertionResult apply_platform_file(const std::string& text) {
     std::vector<emutv::lines::PlatformLine> lines;
     std::string error;
-    ASSERT_TRUE(emutv::lines::parse_platform_file(
-        "platform compr-device /dev/snd/comprC0D0\nplatform compr buffer=16384 dsp=2048\n", "tv.platform",
-        &lines, &error))
-        << error;
+    if (!emutv::lines::parse_platform_file(text, "tv.platform", &lines, &error))
+        return ::testing::AssertionFailure() << error;
     emutv::platform().reset();
     for (const auto& l : lines)
-        ASSERT_TRUE(emutv::lines::apply_platform_line(emutv::platform(), l));
+        if (!emutv::lines::apply_platform_line(emutv::platform(), l))
+            return ::testing::AssertionFailure() << "not applied: " << l.name;
+    return ::testing::AssertionSuccess();
+}
+
+TEST(PlatformFileLines, SetsTheAudioDecodersBuffers) {
+    ASSERT_TRUE(apply_platform_file(
+        "platform compr-device /dev/snd/comprC0D0\nplatform compr buffer=16384 dsp=2048\n"));
     EXPECT_EQ(emutv::platform().compr().ring_bytes, 16384u);
     EXPECT_EQ(emutv::platform().compr().dsp_bytes, 2048);
 }
 
 // "platform fail REQUEST ERRNO [TIMES] at=N": the calls before the Nth pass, then TIMES fail.
 TEST(PlatformFileLines, AFaultAtTheNthCallLetsTheCallsBeforeItThrough) {
-    std::vector<emutv::lines::PlatformLine> lines;
-    std::string error;
-    ASSERT_TRUE(emutv::lines::parse_platform_file("platform fail DRM_IOCTL_MODE_RMFB EINVAL 2 at=3\n",
-                                                  "tv.platform", &lines, &error))
-        << error;
-    emutv::platform().reset();
-    ASSERT_EQ(lines.size(), 1u);
-    ASSERT_TRUE(emutv::lines::apply_platform_line(emutv::platform(), lines[0]));
+    ASSERT_TRUE(apply_platform_file("platform fail DRM_IOCTL_MODE_RMFB EINVAL 2 at=3\n"));
     int fd = open("/dev/dri/card0", O_RDWR);
     ASSERT_GE(fd, 0);
     std::vector<int> errnos;
@@ -151,20 +150,13 @@ TEST(PlatformFileLines, AFaultAtCallZeroIsRefusedWithItsLine) {
 
 // A platform file can give the DRM device another topology: what the real libdrm then reads.
 TEST(PlatformFileLines, ATopologyOfItsOwnIsWhatLibdrmReads) {
-    std::vector<emutv::lines::PlatformLine> lines;
-    std::string error;
     ASSERT_TRUE(
-        emutv::lines::parse_platform_file("platform drm-empty\n"
-                                          "platform crtc 7\n"
-                                          "platform encoder 8 crtc=7 possible=1\n"
-                                          "platform connector 9 encoder=8 panel=1920x1080\n"
-                                          "platform connector 10 connected=0\n"
-                                          "platform plane 11 type=1 plane_type=5\n",
-                                          "tv.platform", &lines, &error))
-        << error;
-    emutv::platform().reset();
-    for (const auto& l : lines)
-        ASSERT_TRUE(emutv::lines::apply_platform_line(emutv::platform(), l));
+        apply_platform_file("platform drm-empty\n"
+                            "platform crtc 7\n"
+                            "platform encoder 8 crtc=7 possible=1\n"
+                            "platform connector 9 encoder=8 panel=1920x1080\n"
+                            "platform connector 10 connected=0\n"
+                            "platform plane 11 type=1 plane_type=5\n"));
     int fd = open("/dev/dri/card0", O_RDWR);
     ASSERT_GE(fd, 0);
     drmModeRes* res = drmModeGetResources(fd);
@@ -205,13 +197,7 @@ TEST(PlatformFileLines, ATopologyOfItsOwnIsWhatLibdrmReads) {
 
 // A line for an object that exists changes it: the default connector can be disconnected.
 TEST(PlatformFileLines, AConnectorLineForAnExistingIdChangesIt) {
-    std::vector<emutv::lines::PlatformLine> lines;
-    std::string error;
-    ASSERT_TRUE(emutv::lines::parse_platform_file("platform connector 40 connected=0\n", "tv.platform",
-                                                  &lines, &error))
-        << error;
-    emutv::platform().reset();
-    ASSERT_TRUE(emutv::lines::apply_platform_line(emutv::platform(), lines[0]));
+    ASSERT_TRUE(apply_platform_file("platform connector 40 connected=0\n"));
     const auto& cons = emutv::platform().drm().connectors;
     ASSERT_EQ(cons.size(), 1u);
     EXPECT_EQ(cons[0].connection, 2u);
